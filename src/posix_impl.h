@@ -37,6 +37,13 @@ public:
     std::string m_ssh_stdin_queue;
 
 private:
+    // A descriptor held in reserve while the listener is open: when the
+    // process runs out of descriptors, giving it up lets the tool take the
+    // pending connection off the listen queue (and close it) instead of
+    // finding the listener readable again at once, forever.
+    int m_spare_fd = -1;
+    void dropPendingConnection();
+
     void writeSSHInput();
 };
 

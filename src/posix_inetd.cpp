@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 
 #include "debug.h"
@@ -39,6 +41,7 @@ int RelayToolImpl::initInetd() {
         posix_fatal_error("getsockname");
     }
     posix_set_nonblocking(m_inetd_fd, true);
+    m_spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     return ntohs(addr.sin_port);
 }
 
@@ -48,7 +51,9 @@ void RelayToolImpl::acceptInetd() {
     socklen_t len = sizeof peer;
     int fd = accept(m_inetd_fd, reinterpret_cast<sockaddr*>(&peer), &len);
     if (fd == -1) {
-        relaytool_debug("accept failed: %s", hvlib::get_strerror_string(errno).c_str());
+        int err = errno;
+        relaytool_debug("accept failed: %s", hvlib::get_strerror_string(err).c_str());
+        if (err == EMFILE || err == ENFILE) dropPendingConnection();
         return;
     }
     posix_set_nonblocking(fd, false);
@@ -56,6 +61,14 @@ void RelayToolImpl::acceptInetd() {
     launchGridFTP(fd);
     posix_close(fd);  // the worker now holds the only copy
     m_tool->onStatusUpdate(static_cast<int>(m_ftp_pids.size()));
+}
+
+void RelayToolImpl::dropPendingConnection() {
+    if (m_spare_fd == -1) return;
+    close(m_spare_fd);
+    int fd = accept(m_inetd_fd, nullptr, nullptr);
+    if (fd != -1) close(fd);  // the peer sees the connection closed at once
+    m_spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
 void RelayToolImpl::launchGridFTP(int fd) {
