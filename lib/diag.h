@@ -28,7 +28,7 @@ std::string str_vsprintf(const char* format, va_list args) HVLIB_PRINTF(1, 0);
 
 // Checks an internal assumption. The report names a fixed source label and
 // line, which parents and tests match on, so both are given explicitly.
-#define HV_PRECONDITION(cond, label, line)                           \
-    do {                                                             \
+#define HV_PRECONDITION(cond, label, line)                             \
+    do {                                                               \
         if (!(cond)) ::hvlib::precondition_failed(#cond, label, line); \
     } while (0)

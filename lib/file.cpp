@@ -31,12 +31,20 @@ void create_private_file_with_contents(std::string path, std::string data) {
     }
 }
 
-std::string read_file_contents(std::string path) {
+namespace {
+
+// The open stream; a file that cannot be opened ends the process.
+FILE* open_for_reading(const std::string& path) {
     FILE* f = fopen(path.c_str(), "r");
-    if (f == nullptr) {
-        fatal_error("Couldn't open for reading '%s': %s\n", path.c_str(),
-                    get_strerror_string(errno).c_str());
-    }
+    if (f != nullptr) return f;
+    fatal_error("Couldn't open for reading '%s': %s\n", path.c_str(),
+                get_strerror_string(errno).c_str());
+}
+
+}  // namespace
+
+std::string read_file_contents(std::string path) {
+    FILE* f = open_for_reading(path);
     std::vector<char> buffer(4096, '\0');
     std::string result;
     for (;;) {

@@ -25,8 +25,8 @@ void KeyValues::_parse_kv(const std::string& token) {
 
 std::string KeyValues::operator[](const std::string& key) const {
     auto it = m_values.find(key);
-    if (it == m_values.end()) fatal_error("Key '%s' not found", key.c_str());
-    return it->second;
+    if (it != m_values.end()) return it->second;
+    fatal_error("Key '%s' not found", key.c_str());
 }
 
 bool KeyValues::has_key(const std::string& key) const { return m_values.count(key) != 0; }

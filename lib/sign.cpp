@@ -14,9 +14,9 @@
 std::string sign_rsa_sha256(std::string key_pem, std::string data) {
     // Length -1: the key is the text up to its terminating zero.
     BIO* key_bio = BIO_new_mem_buf(key_pem.c_str(), -1);
-    HV_PRECONDITION(key_bio != NULL, "lib/sign", __LINE__);
-    RSA* key = PEM_read_bio_RSAPrivateKey(key_bio, NULL, NULL, NULL);
-    HV_PRECONDITION(key != NULL, "lib/sign", __LINE__);
+    HV_PRECONDITION(key_bio != NULL, "lib/sign", __LINE__);  // NOLINT(modernize-use-nullptr)
+    RSA* key = PEM_read_bio_RSAPrivateKey(key_bio, nullptr, nullptr, nullptr);
+    HV_PRECONDITION(key != NULL, "lib/sign", __LINE__);  // NOLINT(modernize-use-nullptr)
 
     unsigned char digest[SHA256_DIGEST_LENGTH];
     SHA256(reinterpret_cast<const unsigned char*>(data.data()), data.size(), digest);

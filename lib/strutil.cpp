@@ -9,8 +9,7 @@ namespace hvlib {
 
 namespace {
 
-const char kDefaultSafe[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-~/";
+const char kDefaultSafe[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-~/";
 
 // White space of the POSIX locale: HT, LF, VT, FF, CR and space.
 bool is_space(unsigned char c) { return c == ' ' || (c >= 0x09 && c <= 0x0d); }
@@ -107,7 +106,7 @@ StringList split(const std::string& s, const std::string& sep, int32_t limit) {
     (void)limit;
     HV_PRECONDITION(!sep.empty(), "lib/strings", __LINE__);
     StringList fields;
-    const std::string text = s.c_str();  // the string is taken as text
+    const std::string text = s.substr(0, s.find('\0'));  // the string is taken as text
     size_t pos = 0;
     for (;;) {
         size_t hit = text.find(sep, pos);

@@ -47,26 +47,20 @@ constexpr int kUsageStatus = 2;
 constexpr int kParentGoneStatus = 1;
 constexpr int kExecFailedStatus = 127;
 
-void usage() {
-    std::fputs("usage: pdeath <pid> <program> <argv0> [args...]\n", stderr);
-}
+void usage() { std::fputs("usage: pdeath <pid> <program> <argv0> [args...]\n", stderr); }
 
 // Accepts only plain decimal digits ("12", not "+12", " 12" or "0x0c"),
 // with a value from 1 to the largest pid_t.
 bool parse_pid(const char* text, pid_t& out) {
-    if (*text == '\0')
-        return false;
+    if (*text == '\0') return false;
     constexpr long long max = std::numeric_limits<pid_t>::max();
     long long value = 0;
     for (const char* p = text; *p != '\0'; ++p) {
-        if (*p < '0' || *p > '9')
-            return false;
+        if (*p < '0' || *p > '9') return false;
         value = value * 10 + (*p - '0');
-        if (value > max)
-            return false;
+        if (value > max) return false;
     }
-    if (value == 0)
-        return false;
+    if (value == 0) return false;
     out = static_cast<pid_t>(value);
     return true;
 }
@@ -109,9 +103,7 @@ constexpr int kWatchedCount = sizeof kWatched / sizeof kWatched[0];
 // Set by the handler, read by the main loop with the signals blocked.
 volatile std::sig_atomic_t g_received[NSIG];
 
-extern "C" void note_signal(int sig) {
-    g_received[sig] = 1;
-}
+extern "C" void note_signal(int sig) { g_received[sig] = 1; }
 
 bool parent_has_gone(pid_t parent) {
     return getppid() != parent || (kill(parent, 0) == -1 && errno == ESRCH);
@@ -119,8 +111,7 @@ bool parent_has_gone(pid_t parent) {
 
 // End this process the way the program ended.
 [[noreturn]] void exit_like(int status) {
-    if (WIFEXITED(status))
-        std::exit(WEXITSTATUS(status));
+    if (WIFEXITED(status)) std::exit(WEXITSTATUS(status));
     const int sig = WTERMSIG(status);
     // The program has already dumped core if it was going to; a second,
     // misleading core from this process is of no use.
@@ -148,18 +139,16 @@ int run(pid_t parent, const char* program, char* const* argv) {
     // the kernel reap the program behind our back.
     sigset_t watched, original_mask, wait_mask;
     sigemptyset(&watched);
-    for (int sig : kWatched)
-        sigaddset(&watched, sig);
+    for (int sig : kWatched) sigaddset(&watched, sig);
     sigprocmask(SIG_BLOCK, &watched, &original_mask);
     wait_mask = original_mask;
-    for (int sig : kWatched)
-        sigdelset(&wait_mask, sig);
+    for (int sig : kWatched) sigdelset(&wait_mask, sig);
 
-    struct sigaction handler {}, original_action[kWatchedCount];
+    struct sigaction handler {
+    }, original_action[kWatchedCount];
     handler.sa_handler = note_signal;
     sigemptyset(&handler.sa_mask);
-    for (int i = 0; i < kWatchedCount; ++i)
-        sigaction(kWatched[i], &handler, &original_action[i]);
+    for (int i = 0; i < kWatchedCount; ++i) sigaction(kWatched[i], &handler, &original_action[i]);
 
     const pid_t child = fork();
     if (child == -1) {
@@ -178,7 +167,7 @@ int run(pid_t parent, const char* program, char* const* argv) {
     using Clock = std::chrono::steady_clock;
     bool parent_gone = false, sent_kill = false;
     Clock::time_point kill_at;
-    const struct timespec poll_interval = {0, 100 * 1000 * 1000};
+    const struct timespec poll_interval = {0, 100L * 1000 * 1000};
 
     for (;;) {
         for (int sig : kForwarded) {
@@ -191,8 +180,7 @@ int run(pid_t parent, const char* program, char* const* argv) {
 
         int status;
         const pid_t reaped = waitpid(child, &status, WNOHANG);
-        if (reaped == child)
-            exit_like(status);
+        if (reaped == child) exit_like(status);
         if (reaped == -1 && errno != EINTR) {
             std::fprintf(stderr, "pdeath: waitpid: %s\n", std::strerror(errno));
             return kParentGoneStatus;

@@ -137,7 +137,8 @@ void RelayToolImpl::writeSSHInput() {
     ssize_t rc = write(m_ssh_stdin_fd, m_ssh_stdin_queue.data(), m_ssh_stdin_queue.size());
     if (rc == -1) {
         if (errno != EAGAIN && errno != EPIPE) posix_fatal_error("write");
-        relaytool_debug("posix_write_pipe_nb: ignoring %s\n", hvlib::get_strerror_string(errno).c_str());
+        relaytool_debug("posix_write_pipe_nb: ignoring %s\n",
+                        hvlib::get_strerror_string(errno).c_str());
         return;
     }
     HV_PRECONDITION(rc >= 0, "src/posix", 131);

@@ -23,7 +23,8 @@ void log_error_lines(std::string& buffer, const std::string& chunk, const char* 
     HV_PRECONDITION(!lines.empty(), "src/relaytool", precondition_line);
     lines.pop_back();
     for (const std::string& line : lines) {
-        fprintf(stderr, "[%s stderr] %s\n", who, hvlib::backslash_escape(hvlib::strip(line)).c_str());
+        fprintf(stderr, "[%s stderr] %s\n", who,
+                hvlib::backslash_escape(hvlib::strip(line)).c_str());
     }
     buffer.clear();
 }

@@ -18,10 +18,9 @@ void RelayTool::setFTPPort(int port) {
 }
 
 std::string RelayTool::getVersionArgs() {
-    return hvlib::str_sprintf("appver=%s ostype=%s osver=%s",
-                              hvlib::url_encode(m_config.app_version).c_str(),
-                              hvlib::url_encode(m_config.os).c_str(),
-                              hvlib::url_encode(m_config.os_version).c_str());
+    return hvlib::str_sprintf(
+        "appver=%s ostype=%s osver=%s", hvlib::url_encode(m_config.app_version).c_str(),
+        hvlib::url_encode(m_config.os).c_str(), hvlib::url_encode(m_config.os_version).c_str());
 }
 
 std::string RelayTool::getSignature(const std::string& challenge) {
@@ -57,8 +56,8 @@ void RelayTool::runLogin() {
 void RelayTool::sendLoginMessage() {
     const char* operation = m_ftp_port == -1 ? "PAUSED" : "FORWARD";
     queueSSHInput(hvlib::str_sprintf("msg=LOGIN_C id=%s operation=%s protocol_version=%d %s\n",
-                                     getClientID().c_str(), operation,
-                                     m_config.protocol_version, getVersionArgs().c_str()));
+                                     getClientID().c_str(), operation, m_config.protocol_version,
+                                     getVersionArgs().c_str()));
     expectServerMessage("CHALLENGE_S");
 }
 
@@ -77,18 +76,22 @@ void RelayTool::sendUpgradeMessage() {
 // never leaves a marker without every file before it.
 void RelayTool::doSetup(const hvlib::KeyValues& record) {
     relaytool_debug("doSetup(): writing files");
+    // A marker left by an earlier set must not vouch for a set that is only
+    // partly rewritten: it comes back, last, once every file is in place.
+    remove(getV2DonePath().c_str());
     hvlib::create_private_file_with_contents(getClientIDPath(), record["id"] + "\n");
-    hvlib::create_private_file_with_contents(getClientKeyPath(), hvlib::url_decode(record["secret"]));
-    hvlib::create_private_file_with_contents(getFTPCertPath(), hvlib::url_decode(record["ftp_cert"]));
+    hvlib::create_private_file_with_contents(getClientKeyPath(),
+                                             hvlib::url_decode(record["secret"]));
+    hvlib::create_private_file_with_contents(getFTPCertPath(),
+                                             hvlib::url_decode(record["ftp_cert"]));
     hvlib::create_private_file_with_contents(getFTPKeyPath(), hvlib::url_decode(record["ftp_key"]));
     hvlib::create_private_file_with_contents(
         getFTPGridmapPath(),
         hvlib::str_sprintf("\"%s\" %s\n", hvlib::url_decode(record["ftp_user_dn"]).c_str(),
                            m_config.user.c_str()));
     hvlib::create_private_file_with_contents(
-        getRelayConfigPath(),
-        hvlib::str_sprintf("SERVER=%s\n", m_config.relay_server.c_str()) +
-            hvlib::str_sprintf("SERVER_PORT=%d\n", m_config.relay_port));
+        getRelayConfigPath(), hvlib::str_sprintf("SERVER=%s\n", m_config.relay_server.c_str()) +
+                                  hvlib::str_sprintf("SERVER_PORT=%d\n", m_config.relay_port));
     hvlib::create_private_file_with_contents(getV2DonePath(),
                                              "V2 Credentials Done.  Do not remove this file");
     remove(hvlib::join_path(m_config.config_dir, "anon.cert").c_str());
@@ -99,6 +102,7 @@ void RelayTool::doSetup(const hvlib::KeyValues& record) {
 }
 
 hvlib::StringList RelayTool::getSSHArgs(int port) {
+    // clang-format off
     hvlib::StringList args = {
         m_config.ssh_path, "ssh",
         "-F", "/dev/null",
@@ -114,6 +118,7 @@ hvlib::StringList RelayTool::getSSHArgs(int port) {
         "-l", "x_relay2",
         "-i", getSSHIdentityPath(),
     };
+    // clang-format on
     if (getenv("HVN_SSH_DEBUG") != nullptr) args.push_back("-v");
     if (port != -1) {
         args.push_back("-R");

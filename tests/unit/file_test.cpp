@@ -41,7 +41,8 @@ TEST_F(FileTest, NewFilesArePrivateAndRewritesKeepTheirMode) {
 }
 
 TEST_F(FileTest, ReadsAnySizeByteExact) {
-    for (size_t size : {size_t(0), size_t(1), size_t(4095), size_t(4096), size_t(4097), size_t(10000)}) {
+    for (size_t size :
+         {size_t(0), size_t(1), size_t(4095), size_t(4096), size_t(4097), size_t(10000)}) {
         std::string data;
         for (size_t i = 0; i < size; ++i) data += static_cast<char>(i * 7 % 256);
         std::string path = dir + "/data" + std::to_string(size);
@@ -62,11 +63,12 @@ TEST_F(FileTest, ReadableIsQuietlyFalseForMissingOrForbiddenFiles) {
 }
 
 TEST_F(FileTest, FailuresEndTheProcessWithTheirReports) {
-    EXPECT_EXIT(hvlib::read_file_contents(dir + "/missing"), testing::ExitedWithCode(1),
-                "^Fatal Error: Couldn't open for reading '.*/missing': No such file or directory\n\n$");
-    EXPECT_EXIT(hvlib::create_private_file_with_contents(dir + "/no/such", "x"),
-                testing::ExitedWithCode(1),
-                "^Fatal Error: Couldn't open for writing '.*/no/such': No such file or directory\n\n$");
+    EXPECT_EXIT(
+        hvlib::read_file_contents(dir + "/missing"), testing::ExitedWithCode(1),
+        "^Fatal Error: Couldn't open for reading '.*/missing': No such file or directory\n\n$");
+    EXPECT_EXIT(
+        hvlib::create_private_file_with_contents(dir + "/no/such", "x"), testing::ExitedWithCode(1),
+        "^Fatal Error: Couldn't open for writing '.*/no/such': No such file or directory\n\n$");
     EXPECT_EXIT(hvlib::read_file_contents(dir), testing::ExitedWithCode(1),
                 "^Fatal Error: Couldn't read '.*': Is a directory\n\n$");
     EXPECT_EXIT(hvlib::create_private_file_with_contents("/dev/full", "x"),

@@ -25,7 +25,8 @@ const Keys& test_keys() {
         EVP_PKEY_keygen(ctx, &k.pkey);
         EVP_PKEY_CTX_free(ctx);
         BIO* bio = BIO_new(BIO_s_mem());
-        PEM_write_bio_RSAPrivateKey(bio, EVP_PKEY_get0_RSA(k.pkey), nullptr, nullptr, 0, nullptr, nullptr);
+        PEM_write_bio_RSAPrivateKey(bio, EVP_PKEY_get0_RSA(k.pkey), nullptr, nullptr, 0, nullptr,
+                                    nullptr);
         char* data = nullptr;
         long len = BIO_get_mem_data(bio, &data);
         k.private_pem.assign(data, static_cast<size_t>(len));
@@ -37,7 +38,8 @@ const Keys& test_keys() {
 
 std::string unhex(const std::string& hex) {
     std::string out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     return out;
 }
 
@@ -75,7 +77,8 @@ TEST(SignDeathTest, UnreadableKeysAbort) {
     const char* report = "^lib/sign:[0-9]+: failed precondition 'key != NULL'\n$";
     EXPECT_EXIT(sign_rsa_sha256("", "x"), testing::KilledBySignal(SIGABRT), report);
     std::string pem = test_keys().private_pem;
-    EXPECT_EXIT(sign_rsa_sha256(pem.substr(0, pem.size() / 2), "x"), testing::KilledBySignal(SIGABRT), report);
+    EXPECT_EXIT(sign_rsa_sha256(pem.substr(0, pem.size() / 2), "x"),
+                testing::KilledBySignal(SIGABRT), report);
     BIO* bio = BIO_new(BIO_s_mem());
     PEM_write_bio_PUBKEY(bio, test_keys().pkey);
     char* data = nullptr;
