@@ -1,0 +1,100 @@
+#!/usr/bin/python3
+"""Stand-in for the watcher and the relay behind it. Records its arguments
+and descriptors, then plays the JSON script in STANDIN_SCRIPT (texts are
+latin-1 byte strings); the record (STANDIN_RECORD) is rewritten after every
+step. Steps: ["send", text] to stdout, ["stderr", text], ["expect", regex]
+for the next stdin line, ["sig", signed, public_pem] for a CHALLENGE_C line,
+["sleep", s], ["mark", name], ["eof"], ["exit", code], ["kill", signal]."""
+import json, os, re, sys, time
+
+
+def open_fds():
+    fds = []
+    for name in os.listdir("/proc/self/fd"):
+        try:
+            fds.append(os.fstat(int(name)) and int(name))
+        except OSError:  # the listing's own descriptor, closed again
+            pass
+    return sorted(fds)
+
+
+record = {"pid": os.getpid(), "fds": open_fds(), "argv": sys.argv[1:], "received": [],
+          "verified": [], "marks": {}, "failure": None, "done": False}
+
+
+def save():
+    with open(os.environ["STANDIN_RECORD"] + ".tmp", "w") as f:
+        json.dump(record, f)
+    os.replace(os.environ["STANDIN_RECORD"] + ".tmp", os.environ["STANDIN_RECORD"])
+
+
+def fail(why):
+    record["failure"] = why
+    save()
+    os.write(2, b"standin failure: %s\n" % why.encode("latin-1", "replace"))
+    sys.exit(97)
+
+
+def write_all(fd, data):
+    while data:
+        data = data[os.write(fd, data):]
+
+
+def read_line():
+    line = sys.stdin.buffer.readline()
+    if not line.endswith(b"\n"):
+        fail("end of input instead of a line: %r" % line[:200])
+    record["received"].append(line[:-1].decode("latin-1"))
+    return record["received"][-1]
+
+
+def verify(line, signed, pem_path):
+    from cryptography.exceptions import InvalidSignature
+    from cryptography.hazmat.primitives import hashes, serialization
+    from cryptography.hazmat.primitives.asymmetric import padding
+    m = re.fullmatch(r"msg=CHALLENGE_C sig=([0-9a-f]{512})", line)
+    if not m:
+        fail("not a CHALLENGE_C line: %r" % line[:200])
+    with open(pem_path, "rb") as f:
+        key = serialization.load_pem_public_key(f.read())
+    try:
+        key.verify(bytes.fromhex(m.group(1)), signed.encode("latin-1"), padding.PKCS1v15(), hashes.SHA256())
+    except InvalidSignature:
+        fail("bad signature")
+    record["verified"].append(signed)
+
+
+def main():
+    save()
+    with open(os.environ["STANDIN_SCRIPT"]) as f:
+        script = json.load(f)
+    for op, *args in script:
+        if op == "send":
+            write_all(1, args[0].encode("latin-1"))
+        elif op == "stderr":
+            write_all(2, args[0].encode("latin-1"))
+        elif op == "expect":
+            line = read_line()
+            if not re.fullmatch(args[0], line, re.S):
+                fail("line %r does not match %r" % (line[:300], args[0]))
+        elif op == "sig":
+            verify(read_line(), args[0], args[1])
+        elif op == "sleep":
+            time.sleep(args[0])
+        elif op == "mark":
+            record["marks"][args[0]] = time.time()
+        elif op == "eof":
+            while sys.stdin.buffer.read(4096):
+                pass
+        elif op in ("exit", "kill"):
+            record["done"] = True
+            save()
+            os._exit(args[0]) if op == "exit" else os.kill(os.getpid(), args[0])
+            time.sleep(5)
+        save()
+    record["done"] = True
+    save()
+
+
+if __name__ == "__main__":
+    main()
