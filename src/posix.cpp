@@ -156,21 +156,9 @@ void RelayToolImpl::processFD(int fd) {
     } else if (fd == m_ssh_stdin_fd) {
         writeSSHInput();
     } else if (fd == m_ssh_stdout_fd) {
-        std::string chunk = posix_read_pipe_nb(fd);
-        if (chunk.empty()) {
-            posix_close(fd);
-            m_ssh_stdout_fd = -1;
-        }
-        m_tool->SSHReceivedOut(chunk);
-        checkSSHExit();
+        readSSHOutput(m_ssh_stdout_fd, &RelayTool::SSHReceivedOut);
     } else if (fd == m_ssh_stderr_fd) {
-        std::string chunk = posix_read_pipe_nb(fd);
-        if (chunk.empty()) {
-            posix_close(fd);
-            m_ssh_stderr_fd = -1;
-        }
-        m_tool->SSHReceivedErr(chunk);
-        checkSSHExit();
+        readSSHOutput(m_ssh_stderr_fd, &RelayTool::SSHReceivedErr);
     } else if (fd == m_inetd_fd) {
         acceptInetd();
     } else if (fd == m_ftp_stderr_fd) {
@@ -179,6 +167,16 @@ void RelayToolImpl::processFD(int fd) {
     } else {
         HV_PRECONDITION(false, "src/posix", 318);
     }
+}
+
+void RelayToolImpl::readSSHOutput(int& fd, void (RelayTool::*received)(const std::string&)) {
+    std::string chunk = posix_read_pipe_nb(fd);
+    if (chunk.empty()) {  // end of file: the pipe is done with
+        posix_close(fd);
+        fd = -1;
+    }
+    (m_tool->*received)(chunk);
+    checkSSHExit();
 }
 
 void RelayToolImpl::checkSSHExit() {

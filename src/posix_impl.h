@@ -45,6 +45,9 @@ private:
     void dropPendingConnection();
 
     void writeSSHInput();
+    // One read from an SSH output pipe, handed to the callback; closes the
+    // pipe at end of file and reaps the child once both pipes are closed.
+    void readSSHOutput(int& fd, void (RelayTool::*received)(const std::string&));
 };
 
 // "Fatal Posix Error: <what>: <strerror(errno)>", exit status 1.
