@@ -1,0 +1,27 @@
+# Fault-injection and descriptor tests of the relay tool (tests/faults/):
+# setup and upgrade broken off at every point and on a full disk, descriptors
+# running out, lost and silent peers, a burst of connections, what children
+# inherit, and a scripted login under memcheck. Included from
+# tests/CMakeLists.txt. The full-disk case needs root (a tmpfs mount) and
+# skips itself without it; the memcheck run is skipped in sanitizer builds.
+if(NOT TEST_PYTHON)
+  find_program(TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+endif()
+
+set(faults_env "RELAYTOOL=$<TARGET_FILE:relaytool>"
+               "RELAYTOOL_TESTRELAY=$<TARGET_FILE:relaytool-testrelay>"
+               "PDEATH=$<TARGET_FILE:pdeath>")
+if(RELAYTOOL_SANITIZE OR RELAYTOOL_FUZZ)
+  list(APPEND faults_env RELAYTOOL_SANITIZED=1)
+endif()
+
+foreach(name IN ITEMS credentials_faults resource_faults descriptors valgrind_login)
+  add_test(NAME faults_${name}
+           COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/faults/test_${name}.py -v)
+  set_tests_properties(faults_${name} PROPERTIES
+    ENVIRONMENT "${faults_env}"
+    TIMEOUT 180
+    LABELS faults)
+endforeach()
+# The memcheck file holds a single test: when it skips, so does the CTest test.
+set_tests_properties(faults_valgrind_login PROPERTIES SKIP_REGULAR_EXPRESSION "OK \\(skipped=1\\)")
