@@ -29,6 +29,13 @@ void log_error_lines(std::string& buffer, const std::string& chunk, const char* 
     buffer.clear();
 }
 
+// Whether the buffered bytes end with the suffix. Compared by length, not
+// as text: a zero byte from the relay must not hide the line ends after it.
+bool ends_with(const std::string& buffer, const std::string& suffix) {
+    return buffer.size() >= suffix.size() &&
+           buffer.compare(buffer.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
 }  // namespace
 
 void RelayTool::SSHReceivedOut(const std::string& chunk) {
@@ -36,11 +43,11 @@ void RelayTool::SSHReceivedOut(const std::string& chunk) {
     m_ssh_out_buffer += chunk;
     // Heartbeats are recognised only at the end of the buffered text; the
     // conversation strictly alternates, so nothing else can follow them.
-    while (m_ssh_out_buffer == ".\n" || hvlib::endswith(m_ssh_out_buffer.c_str(), "\n.\n")) {
+    while (m_ssh_out_buffer == ".\n" || ends_with(m_ssh_out_buffer, "\n.\n")) {
         relaytool_debug("got heartbeat\n");
         m_ssh_out_buffer.resize(m_ssh_out_buffer.size() - 2);
     }
-    if (!hvlib::endswith(m_ssh_out_buffer.c_str(), "\n")) return;
+    if (!ends_with(m_ssh_out_buffer, "\n")) return;
     std::string message = m_ssh_out_buffer.substr(0, m_ssh_out_buffer.size() - 1);
     m_ssh_out_buffer.clear();
     serverMessage(message);
