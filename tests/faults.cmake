@@ -15,7 +15,7 @@ if(RELAYTOOL_SANITIZE OR RELAYTOOL_FUZZ)
   list(APPEND faults_env RELAYTOOL_SANITIZED=1)
 endif()
 
-foreach(name IN ITEMS credentials_faults resource_faults descriptors valgrind_login)
+foreach(name IN ITEMS credentials_faults resource_faults valgrind_login)
   add_test(NAME faults_${name}
            COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/faults/test_${name}.py -v)
   set_tests_properties(faults_${name} PROPERTIES

@@ -1,7 +1,7 @@
 # Process-level tests of the relay tool: each test file runs the built tool
 # with a scripted relay in place of the watcher (tool/standin_relay.py) and a
 # stand-in GridFTP worker (tool/standin_worker.py).
-set(TOOL_TESTS startup tunnel protocol workers)
+set(TOOL_TESTS startup protocol workers)
 foreach(name IN LISTS TOOL_TESTS)
   add_test(NAME tool_${name}
            COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/tool/test_${name}.py)

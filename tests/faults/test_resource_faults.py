@@ -1,30 +1,45 @@
 #!/usr/bin/python3
 """Descriptors running out, the ssh child killed, a relay gone silent and a
 burst of connections: the tool serves on or ends with its own words, never
-spins, and leaves no zombie and no descriptor behind."""
+spins, and leaves no zombie and no descriptor behind. And ssh behind the real
+watcher gets descriptors 0, 1 and 2 only (the workers': tool/test_workers.py)."""
 import collections, os, re, resource, signal, socket, sys, threading, time, unittest
+from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tool"))
-from harness import CONNECTED, DEBUG, Tool, login_steps  # noqa: E402
+from harness import DEBUG, IDLE, Tool, executable, links, until  # noqa: E402
 
-IDLE = b"RELAYTOOL=1 status=IDLE"
 OUT_OF_FDS = rb"(Connecting to server: relay\.example:2223\n)?" \
              rb"(Fatal Posix Error: \w+|Fatal Error: Couldn't open for \w+ '[^']*'): Too many open files\n\n?"
 NO_LSAN = "detect_leaks=0"  # sanitizer builds: LeakSanitizer needs descriptors of its own at exit
 HARD = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+PDEATH = os.environ.get("PDEATH") or os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(
+    os.path.abspath(__file__)))), "build", "pdeath", "pdeath")
+
+
+def proc(pid, name):
+    """/proc/<pid>/<name>; empty once the process has gone."""
+    try:
+        return Path("/proc/%d/%s" % (pid, name)).read_text()
+    except OSError:
+        return ""
 
 
 def stat(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        return f.read().rpartition(")")[2].split()  # [0] state, [1] ppid, [11] utime, [12] stime
+    return proc(pid, "stat").rpartition(")")[2].split()  # [0] state, [1] ppid, [11] utime, [12] stime
+
+
+def children(pid, state=None):
+    """The pids of the children of `pid` (in that state: "Z" for zombies)."""
+    return [int(p) for p in os.listdir("/proc") if p.isdigit() and (f := stat(int(p)))[1:2] == [str(pid)]
+            and state in (None, f[0])]
 
 
 def cpu_share(pid, seconds=3.0):
     """CPU seconds the process uses per elapsed second, over a few seconds."""
-    ticks, start = int(stat(pid)[11]) + int(stat(pid)[12]), time.monotonic()
+    busy, start = sum(map(int, stat(pid)[11:13])), time.monotonic()
     time.sleep(seconds)
-    used = int(stat(pid)[11]) + int(stat(pid)[12]) - ticks
-    return used / os.sysconf("SC_CLK_TCK") / (time.monotonic() - start)
+    return (sum(map(int, stat(pid)[11:13])) - busy) / os.sysconf("SC_CLK_TCK") / (time.monotonic() - start)
 
 
 def fds(pid):
@@ -37,24 +52,7 @@ def limit_fds(pid, above_lowest_free):
     resource.prlimit(pid, resource.RLIMIT_NOFILE, (lowest + above_lowest_free, HARD))
 
 
-def zombies(parent):
-    found = []
-    for p in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            found += [int(p)] if stat(int(p))[:2] == ["Z", str(parent)] else []
-        except OSError:
-            pass
-    return found
-
-
 class Faults(unittest.TestCase):
-    def log_in(self, t, debug=True, **popen):
-        t.env.update(HVN_FTP_PORT="0", **({"HVN_DEBUG": ""} if debug else {}))
-        t.start(login_steps(t.credentials()) + [["eof"]], **popen)  # then the relay reads on, silent
-        t.out.wait_for(IDLE)
-        argv = t.record()["argv"]
-        return int(re.fullmatch(r"0:127\.0\.0\.1:(\d+)", argv[argv.index("-R") + 1]).group(1))
-
     def connect(self, port):
         conn = socket.create_connection(("127.0.0.1", port), timeout=15)  # a hang fails the test
         self.addCleanup(conn.close)
@@ -72,10 +70,9 @@ class Faults(unittest.TestCase):
         outcomes = set()
         for soft in range(4, 14):
             with self.subTest(soft=soft):
-                t = Tool(self)
-                t.env["ASAN_OPTIONS"] = NO_LSAN
+                t = Tool(self, debug=True, ASAN_OPTIONS=NO_LSAN)
                 try:
-                    port = self.log_in(t, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, HARD)))
+                    port = t.login(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (soft, HARD)))
                 except AssertionError:  # ended before the login
                     self.assertEqual(t.wait(), 1)
                     self.assertRegex(re.sub(DEBUG + rb".*\n", b"", t.err.data), b"^%s$" % OUT_OF_FDS)
@@ -85,17 +82,16 @@ class Faults(unittest.TestCase):
                 outcomes.add("served")
         self.assertEqual(outcomes, {"ended", "served"})
 
-    def test_descriptor_limit_lowered_while_serving(self):
-        t = Tool(self)
-        t.env["ASAN_OPTIONS"] = NO_LSAN
-        port, pid = self.log_in(t), t.proc.pid
+    def test_descriptor_limit_lowered_while_serving_then_ssh_killed(self):
+        t = Tool(self, debug=True, ASAN_OPTIONS=NO_LSAN)
+        port, pid = t.login(), t.proc.pid  # then the relay reads on, silent
         with self.connect(port) as first:
             self.assertTrue(self.served(first))  # the workers' error pipe exists from here on
         t.out.wait_for(IDLE, count=2)
         before = fds(pid)
         limit_fds(pid, 0)  # accept() fails with EMFILE
         waiting = self.connect(port)
-        self.assertLess(cpu_share(pid), 0.3)
+        self.assertLess(cpu_share(pid), 0.3)  # waits quietly, on the listener and on the silent relay
         self.assertIsNone(t.proc.poll())
         t.err.wait_for(DEBUG + b"accept failed: Too many open files")
         limit_fds(pid, 1)  # room for one connection at a time
@@ -107,40 +103,42 @@ class Faults(unittest.TestCase):
             c.close()
         t.out.wait_for(IDLE, count=3)
         self.assertEqual(fds(pid), before)
+        os.kill(t.record()["pid"], signal.SIGKILL)  # the ssh child: the tool ends, with no words of its own
+        self.assertEqual(t.wait(), 1)
+        t.err.wait_for(DEBUG + rb"SSH Exited: -9")
+        self.assertNotIn(b"Fatal", t.err.data)
 
-        t = Tool(self)  # before the first worker: room for the connection, not for the error pipe
-        t.env["ASAN_OPTIONS"] = NO_LSAN
-        port = self.log_in(t)
+        t = Tool(self, debug=True, ASAN_OPTIONS=NO_LSAN)  # before the first worker: no room for the error pipe
+        port = t.login()
         limit_fds(t.proc.pid, 1)
         self.assertFalse(self.served(self.connect(port)))
         self.assertEqual(t.wait(), 1)
         self.assertTrue(t.err.data.endswith(b"Fatal Posix Error: pipe: Too many open files\n"), t.err.data[-300:])
 
-    def test_ssh_child_killed(self):
-        for when in ("during login", "after login, the relay silent"):
-            with self.subTest(when=when):
-                t = Tool(self)
-                if when == "during login":
-                    t.env.update(HVN_FTP_PORT="0", HVN_DEBUG="")
-                    t.start(login_steps(t.credentials())[:1] + [["kill", signal.SIGKILL]])
-                else:  # the tool waits quietly for as long as the tunnel is up
-                    self.log_in(t)
-                    self.assertLess(cpu_share(t.proc.pid), 0.3)
-                    self.assertIsNone(t.proc.poll())
-                    os.kill(t.record()["pid"], signal.SIGKILL)
-                self.assertEqual(t.wait(), 1)
-                t.err.wait_for(DEBUG + rb"SSH Exited: -9")
-                t.err.wait_for(DEBUG + rb"exiting \(error\)")
-                self.assertNotIn(b"Fatal", t.err.data)
-                self.assertEqual(t.out.lines(), [] if when == "during login" else [CONNECTED, IDLE])
+    def test_ssh_behind_the_real_watcher(self):
+        t = Tool(self, HVN_PDEATH_PATH=PDEATH, HVN_FTP_PORT="0")  # with a listener open in the tool
+        t.env["HVN_SSH_PATH"] = executable(os.path.join(t.dir, "ssh"), "#!/bin/sh\nexec sleep 60\n")
+        t.credentials()
+        t.start()
+        below = lambda: [q for p in children(t.proc.pid) for q in [p] + children(p)]  # noqa: E731
+        sleeping = lambda p: proc(p, "comm") == "sleep\n"  # noqa: E731
+        until(lambda: any(map(sleeping, below())))
+        procs = below()  # the watcher, if it stays, and ssh
+        sleeper = [p for p in procs if sleeping(p)][0]
+        self.addCleanup(lambda: sleeping(sleeper) and os.kill(sleeper, signal.SIGKILL))
+        pipes = {v for n, v in links(t.proc.pid).items() if n > 2 and v.startswith("pipe:")}
+        for pid in procs:
+            held = links(pid)
+            self.assertEqual(sorted(held), [0, 1, 2])
+            self.assertEqual(len(set(held.values()) & pipes), 3, held)  # three different pipes of the tool
+        t.proc.stdin.close()  # the parent dies
+        self.assertEqual(t.wait(), 1)
+        self.assertTrue(until(lambda: not sleeping(sleeper)))  # the watcher ends ssh too
 
     def test_burst_of_200_connections(self):
         t = Tool(self)
-        t.env["HVN_GRIDFTP_PATH"] = quick = os.path.join(t.dir, "quick-worker")
-        with open(quick, "w") as f:
-            f.write("#!/bin/sh\nread line\necho served\n")
-        os.chmod(quick, 0o755)
-        port, pid = self.log_in(t, debug=False), t.proc.pid
+        t.env["HVN_GRIDFTP_PATH"] = executable(os.path.join(t.dir, "quick"), "#!/bin/sh\nread line\necho served\n")
+        port, pid = t.login(), t.proc.pid
         results = []
 
         def one():
@@ -148,10 +146,8 @@ class Faults(unittest.TestCase):
                 with socket.create_connection(("127.0.0.1", port), timeout=60) as conn:
                     conn.sendall(b"hello\n")
                     results.append(conn.makefile("rb").read())
-            except (ConnectionRefusedError, ConnectionResetError):
-                results.append("refused")
             except OSError as e:
-                results.append(repr(e))
+                results.append("refused" if isinstance(e, (ConnectionRefusedError, ConnectionResetError)) else repr(e))
         one()
         self.assertEqual(results.pop(), b"served\n")
         t.out.wait_for(IDLE, count=2)
@@ -166,12 +162,8 @@ class Faults(unittest.TestCase):
             th.join(90)
         counts = collections.Counter(results)
         self.assertEqual(counts[b"served\n"] + counts["refused"], 200, counts)
-        deadline = time.monotonic() + 10  # two ticks reap them all; a slow machine may take longer
-        while (zombies(pid) or t.out.lines()[-1] != IDLE) and time.monotonic() < deadline:
-            time.sleep(0.2)
-        self.assertEqual(zombies(pid), [])
-        self.assertEqual(t.out.lines()[-1], IDLE)
-        self.assertEqual(fds(pid), after_first)
+        until(lambda: not children(pid, "Z") and t.out.lines()[-1] == IDLE)  # two ticks reap them all
+        self.assertEqual((children(pid, "Z"), t.out.lines()[-1], fds(pid)), ([], IDLE, after_first))
         for line in t.out.lines()[1:]:
             self.assertRegex(line, rb"^RELAYTOOL=1 status=(IDLE|ACTIVE nr_workers=\d+)$")
 

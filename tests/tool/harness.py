@@ -14,15 +14,34 @@ V2DONE = b"V2 Credentials Done.  Do not remove this file"
 DEBUG = rb"\[relaytool debug\] pid=\d+ "
 URL = "https%3A%2F%2Fexample.org%2Fep%3Fid%3D1"
 CONNECTED = b"RELAYTOOL=1 status=CONNECTED ep_display_name=My%20Laptop web_ux_url=" + URL.encode()
+IDLE = b"RELAYTOOL=1 status=IDLE"
+
+
+def url_encode(data):
+    """The tool's encoding: all but letters, digits and "_.-~/" as %XX."""
+    return quote(data, safe="/")
 
 
 def load(path):
     return json.loads(Path(path).read_text())
 
 
-def url_encode(data):
-    """The tool's encoding: all but letters, digits and "_.-~/" as %XX."""
-    return quote(data, safe="/")
+def until(condition, seconds=10):
+    deadline = time.monotonic() + seconds
+    while not condition() and time.monotonic() < deadline:
+        time.sleep(0.02)
+    return condition()
+
+
+def executable(path, text):
+    Path(path).write_text(text)
+    os.chmod(path, 0o755)
+    return path
+
+
+def links(pid):
+    """Descriptor number to what it is: "pipe:[N]", "socket:[N]" or a path."""
+    return {int(n): os.readlink("/proc/%d/fd/%s" % (pid, n)) for n in os.listdir("/proc/%d/fd" % pid)}
 
 
 @functools.lru_cache(maxsize=None)
@@ -44,15 +63,14 @@ class Stream:
         self.thread.start()
 
     def _read(self, pipe):
-        while True:
+        chunk = True
+        while chunk:
             chunk = os.read(pipe.fileno(), 65536)
             with self.cond:
                 tail = self.data[self.data.rfind(b"\n") + 1:]
                 self.times += [(time.time(), line) for line in (tail + chunk).split(b"\n")[:-1]]
                 self.data += chunk
                 self.cond.notify_all()
-            if not chunk:
-                return
 
     def lines(self):
         with self.cond:
@@ -72,19 +90,20 @@ class Stream:
 
 
 class Tool:
-    """One run of the tool in a temporary directory of its own."""
+    """Runs of the tool in a temporary directory of its own; `env` is added
+    to the environment, `debug` sets HVN_DEBUG."""
 
-    def __init__(self, test, binary=None, mode="login"):
+    def __init__(self, test, binary=None, mode="login", debug=False, **env):
         self.binary, self.proc = binary or RELAYTOOL, None
         self.dir = tempfile.mkdtemp(prefix="relaytool-test-")
         test.addCleanup(self.cleanup)
         self.config = os.path.join(self.dir, "con fig")  # a blank, as on some systems
-        self.etc = os.path.join(self.dir, "etc")
-        self.workers = os.path.join(self.dir, "workers")
+        self.etc, self.workers = os.path.join(self.dir, "etc"), os.path.join(self.dir, "workers")
         for d in (self.config, self.etc, self.workers):
             os.mkdir(d)
         shutil.copy(os.path.join(KEYS, "anonymous.key"), os.path.join(self.etc, "relay-anonymous.key"))
-        self.relay, self.worker = (self._copy(n) for n in ("standin_relay.py", "standin_worker.py"))
+        self.relay, self.worker = (executable(os.path.join(self.dir, n), Path(HERE, n).read_text())
+                                   for n in ("standin_relay.py", "standin_worker.py"))
         self.env = {
             "PATH": "/usr/bin:/bin", "HVN_OS": "Linux", "HVN_OS_VERSION": "Debian 12",
             "HVN_APP_VERSION": "4.1 beta", "HVN_SSH_PATH": "/usr/bin/ssh", "HVN_GRIDFTP_PATH": self.worker,
@@ -93,13 +112,11 @@ class Tool:
             "STANDIN_RECORD": os.path.join(self.dir, "relay.json"),
             "STANDIN_SCRIPT": os.path.join(self.dir, "script.json"), "WORKER_RECORD_DIR": self.workers}
         self.env.update({"setup": {"HVN_SETUP_CODE": "code-1"}, "login": {"HVN_FTP_PORT": "-1"}}[mode])
-
-    def _copy(self, name):
-        path = shutil.copy(os.path.join(HERE, name), self.dir)
-        os.chmod(path, 0o755)
-        return path
+        self.env.update(env, **({"HVN_DEBUG": ""} if debug else {}))
 
     def start(self, script=(), stdin=subprocess.PIPE, **popen):
+        """Starts the tool, after closing the pipes of an earlier run."""
+        self.close_pipes()
         with open(self.env["STANDIN_SCRIPT"], "w") as f:
             json.dump(list(script), f)
         self.proc = subprocess.Popen([self.binary], env=self.env, cwd=self.dir, stdin=stdin,
@@ -111,6 +128,15 @@ class Tool:
         """Starts the tool and waits for its end; returns the exit status."""
         return self.start(script, **kwargs).wait()
 
+    def login(self, timeout=5, **popen):
+        """Logs in with a listener (HVN_FTP_PORT 0), after which the relay is
+        silent; returns the listener's port once the tool reports IDLE."""
+        self.env["HVN_FTP_PORT"] = "0"
+        self.start(login_steps(self.credentials()) + [["eof"]], **popen)
+        self.out.wait_for(IDLE, timeout)
+        argv = self.record()["argv"]
+        return int(re.fullmatch(r"0:127\.0\.0\.1:(\d+)", argv[argv.index("-R") + 1]).group(1))
+
     def wait(self, timeout=10):
         try:
             self.proc.wait(timeout)
@@ -121,16 +147,10 @@ class Tool:
         self.err.thread.join(5)
         return self.proc.returncode
 
-    def parent_dies(self):
-        self.proc.stdin.close()
-
     def record(self, timeout=5.0):
         """The relay stand-in's record, once it has written one."""
-        deadline = time.monotonic() + timeout
-        while not os.path.exists(self.env["STANDIN_RECORD"]):
-            if time.monotonic() > deadline:
-                raise AssertionError("the relay stand-in was never started")
-            time.sleep(0.02)
+        if not until(lambda: os.path.exists(self.env["STANDIN_RECORD"]), timeout):
+            raise AssertionError("the relay stand-in was never started")
         return load(self.env["STANDIN_RECORD"])
 
     def worker_records(self):
@@ -140,12 +160,10 @@ class Tool:
         return os.path.join(self.config, name)
 
     def read(self, name):
-        with open(self.path(name), "rb") as f:
-            return f.read()
+        return Path(self.path(name)).read_bytes()
 
     def write(self, name, data):
-        with open(self.path(name), "wb") as f:
-            f.write(data)
+        Path(self.path(name)).write_bytes(data)
         os.chmod(self.path(name), 0o600)
 
     def mode(self, name):
@@ -156,51 +174,47 @@ class Tool:
 
     def credentials(self, key=0, client_id=b"ep-1234\n"):
         """A set-up endpoint; returns the path of the matching public key."""
-        self.write("v2done.txt", V2DONE)
-        self.write("client-id.txt", client_id)
-        self.write("client-key.pem", keypair(key)[0])
+        for name, data in (("v2done.txt", V2DONE), ("client-id.txt", client_id), ("client-key.pem", keypair(key)[0])):
+            self.write(name, data)
         return self.public_key(key)
 
     def public_key(self, key):
         path = os.path.join(self.dir, "public-%d.pem" % key)
-        with open(path, "wb") as f:
-            f.write(keypair(key)[1])
+        Path(path).write_bytes(keypair(key)[1])
         return path
 
-    def cleanup(self):
+    def close_pipes(self):  # once the tool has ended and the readers have seen the end
         if self.proc:
-            if self.proc.poll() is None:
-                self.proc.kill()
-            self.proc.wait()
+            self.out.thread.join(5)
+            self.err.thread.join(5)
             for f in (self.proc.stdin, self.proc.stdout, self.proc.stderr):
-                if f and not f.closed:
-                    f.close()
+                f and f.close()
+
+    def cleanup(self):
+        if self.proc and self.proc.poll() is None:
+            self.proc.kill()
+        self.proc and self.proc.wait()
+        self.close_pipes()
         pids = [r["pid"] for r in self.worker_records()]
-        if os.path.exists(self.env["STANDIN_RECORD"]):
-            pids.append(self.record()["pid"])
-        deadline = time.monotonic() + 3
+        pids += [self.record()["pid"]] if os.path.exists(self.env["STANDIN_RECORD"]) else []
         for pid in pids:  # only stand-ins still running, never a reused pid
-            while standin_running(pid) and time.monotonic() < deadline:
-                os.kill(pid, signal.SIGKILL)
-                time.sleep(0.01)
-        shutil.rmtree(self.dir, ignore_errors=True)
+            until(lambda: not standin_running(pid) or os.kill(pid, signal.SIGKILL), 3)
+        until(lambda: shutil.rmtree(self.dir, ignore_errors=True) or not os.path.exists(self.dir), 3)
 
 
 def standin_running(pid):
     try:
-        with open("/proc/%d/stat" % pid) as f:
-            if f.read().rpartition(")")[2].split()[0] == "Z":
-                return False
-        with open("/proc/%d/cmdline" % pid, "rb") as f:
-            return b"standin_" in f.read()
+        proc = Path("/proc/%d" % pid)
+        state = (proc / "stat").read_text().rpartition(")")[2].split()[0]
+        return state != "Z" and b"standin_" in (proc / "cmdline").read_bytes()
     except OSError:
         return False
 
 
-def login_steps(public, challenge="abc%20def", login_c=r"msg=LOGIN_C .*"):
+def login_steps(public, login_c=r"msg=LOGIN_C .*"):
     """The relay's side of a successful login."""
-    return [["expect", login_c], ["send", "msg=CHALLENGE_S string=%s\n" % challenge],
-            ["sig", challenge, public], ["send", "msg=LOGIN_S ep_display_name=My%20Laptop web_ux_url=" + URL + "\n"]]
+    return [["expect", login_c], ["send", "msg=CHALLENGE_S string=abc%20def\n"], ["sig", "abc%20def", public],
+            ["send", "msg=LOGIN_S ep_display_name=My%20Laptop web_ux_url=" + URL + "\n"]]
 
 
 def setup_s(id="ep-1234", cert=b"-----BEGIN CERTIFICATE-----\nMII= cert\n",

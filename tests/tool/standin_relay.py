@@ -1,31 +1,21 @@
 #!/usr/bin/python3
-"""Stand-in for the watcher and the relay behind it. Records its arguments
-and descriptors, then plays the JSON script in STANDIN_SCRIPT (texts are
-latin-1 byte strings); the record (STANDIN_RECORD) is rewritten after every
-step. Steps: ["send", text] to stdout, ["stderr", text], ["expect", regex]
-for the next stdin line, ["sig", signed, public_pem] for a CHALLENGE_C line,
+"""Stand-in for the watcher and the relay behind it. Records its pid and
+arguments, then plays the JSON script in STANDIN_SCRIPT (texts are latin-1
+byte strings); the record (STANDIN_RECORD) is rewritten after every step.
+Steps: ["send", text] to stdout, ["stderr", text], ["expect", regex] for the
+next stdin line, ["sig", signed, public_pem] for a CHALLENGE_C line,
 ["sleep", s], ["mark", name], ["eof"], ["exit", code], ["kill", signal]."""
 import json, os, re, sys, time
 
-
-def open_fds():
-    fds = []
-    for name in os.listdir("/proc/self/fd"):
-        try:
-            fds.append(os.fstat(int(name)) and int(name))
-        except OSError:  # the listing's own descriptor, closed again
-            pass
-    return sorted(fds)
+record = {"pid": os.getpid(), "argv": sys.argv[1:], "received": [], "verified": [], "marks": {},
+          "failure": None, "done": False}
 
 
-record = {"pid": os.getpid(), "fds": open_fds(), "argv": sys.argv[1:], "received": [],
-          "verified": [], "marks": {}, "failure": None, "done": False}
-
-
-def save():
-    with open(os.environ["STANDIN_RECORD"] + ".tmp", "w") as f:
-        json.dump(record, f)
-    os.replace(os.environ["STANDIN_RECORD"] + ".tmp", os.environ["STANDIN_RECORD"])
+def save(data=record, path=None):  # in one step
+    path = path or os.environ["STANDIN_RECORD"]
+    with open(path + ".tmp", "w") as f:
+        json.dump(data, f)
+    os.replace(path + ".tmp", path)
 
 
 def fail(why):
@@ -33,11 +23,6 @@ def fail(why):
     save()
     os.write(2, b"standin failure: %s\n" % why.encode("latin-1", "replace"))
     sys.exit(97)
-
-
-def write_all(fd, data):
-    while data:
-        data = data[os.write(fd, data):]
 
 
 def read_line():
@@ -52,9 +37,7 @@ def verify(line, signed, pem_path):
     from cryptography.exceptions import InvalidSignature
     from cryptography.hazmat.primitives import hashes, serialization
     from cryptography.hazmat.primitives.asymmetric import padding
-    m = re.fullmatch(r"msg=CHALLENGE_C sig=([0-9a-f]{512})", line)
-    if not m:
-        fail("not a CHALLENGE_C line: %r" % line[:200])
+    m = re.fullmatch(r"msg=CHALLENGE_C sig=([0-9a-f]{512})", line) or fail("not a CHALLENGE_C line: %r" % line[:200])
     with open(pem_path, "rb") as f:
         key = serialization.load_pem_public_key(f.read())
     try:
@@ -69,16 +52,16 @@ def main():
     with open(os.environ["STANDIN_SCRIPT"]) as f:
         script = json.load(f)
     for op, *args in script:
-        if op == "send":
-            write_all(1, args[0].encode("latin-1"))
-        elif op == "stderr":
-            write_all(2, args[0].encode("latin-1"))
+        if op in ("send", "stderr"):
+            out = (sys.stdout if op == "send" else sys.stderr).buffer
+            out.write(args[0].encode("latin-1"))
+            out.flush()
         elif op == "expect":
             line = read_line()
             if not re.fullmatch(args[0], line, re.S):
                 fail("line %r does not match %r" % (line[:300], args[0]))
         elif op == "sig":
-            verify(read_line(), args[0], args[1])
+            verify(read_line(), *args)
         elif op == "sleep":
             time.sleep(args[0])
         elif op == "mark":

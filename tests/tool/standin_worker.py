@@ -1,23 +1,13 @@
 #!/usr/bin/python3
-"""Stand-in for the GridFTP server in inetd mode: records its arguments,
-descriptors and pid in WORKER_RECORD_DIR, writes a line and a half to stderr,
-answers the first line from the connection with "echo <line>", finishes the
-half line, and then holds the connection until the other side closes it."""
-import json, os, sys
+"""Stand-in for the GridFTP server in inetd mode: records its pid and
+arguments in WORKER_RECORD_DIR, writes a line and a half to stderr, answers
+the first line from the connection with "echo <line>", finishes the half
+line, and then holds the connection until the other side closes it."""
+import os, sys
+from standin_relay import save  # copied next to this file
 
-fds = []
-for name in os.listdir("/proc/self/fd"):
-    try:
-        fds.append(os.fstat(int(name)) and int(name))
-    except OSError:  # the listing's own descriptor, closed again
-        pass
 pid = os.getpid()
-record = {"pid": pid, "argv": sys.argv[1:], "fds": sorted(fds)}
-path = os.path.join(os.environ["WORKER_RECORD_DIR"], "worker-%d.json" % pid)
-with open(path + ".tmp", "w") as f:
-    json.dump(record, f)
-os.replace(path + ".tmp", path)
-
+save({"pid": pid, "argv": sys.argv[1:]}, os.path.join(os.environ["WORKER_RECORD_DIR"], "worker-%d.json" % pid))
 os.write(2, b"worker %d ready\nhal" % pid)
 line = sys.stdin.buffer.readline()
 os.write(1, b"echo " + line)

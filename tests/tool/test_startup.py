@@ -1,10 +1,9 @@
 #!/usr/bin/python3
 """Start-up: self-check mode, the environment, the two SSH files installed at
-every start, and the parent-death rule for stdin."""
-import os
-import signal
-import subprocess
-import unittest
+every start, the ssh command line and its error output, and the parent-death
+rule for stdin."""
+import os, re, signal, subprocess, unittest
+from pathlib import Path
 
 from harness import DEBUG, KEYS, RELAYTOOL_TESTRELAY, Tool
 
@@ -12,16 +11,14 @@ GROUPS = [b"sprintf", b"startswith", b"endswith", b"strip", b"split", b"urlencod
           b"hexencode", b"backslash_escape"]
 REQUIRED = ["HVN_OS", "HVN_OS_VERSION", "HVN_APP_VERSION", "HVN_SSH_PATH", "HVN_GRIDFTP_PATH",
             "HVN_PDEATH_PATH", "HVN_RELAY_SERVER", "HVN_USER", "HVN_CONFIG_DIR", "HVN_GLOBAL_ETC_DIR"]
+SSH_FILES = ["relay-anonymous-key.pem", "relay-known-hosts.txt"]
 
 
 class Startup(unittest.TestCase):
     def test_self_check_output_and_nothing_else(self):
         for debug in (False, True):
             with self.subTest(debug=debug):
-                t = Tool(self)  # every other variable set too: none is looked at
-                t.env["HVN_RELAYTOOL_TEST"] = ""
-                if debug:
-                    t.env["HVN_DEBUG"] = ""
+                t = Tool(self, debug=debug, HVN_RELAYTOOL_TEST="")  # all the others set too, and ignored
                 self.assertEqual(t.run(), 0)
                 self.assertEqual(t.out.data, b"running hvlib unit tests\n616263017ffff0\n"
                                  + rb"abc\r\n\t\\ \x01\x7f\xff\xf0" + b"\n")
@@ -44,70 +41,85 @@ class Startup(unittest.TestCase):
                 self.assertEqual(t.err.data, b"Env var '%s' must be set\n" % name.encode())
                 self.assertEqual(t.out.data + "".join(t.files()).encode(), b"")
 
-    def test_login_without_port_installs_ssh_files_first(self):
-        with open(os.path.join(KEYS, "anonymous.key"), "rb") as f:
-            anonymous = f.read()
-        with open(os.path.join(KEYS, "test_relay_keys.txt"), "rb") as f:
-            test_keys = [b" ".join(line.split()[:2]) for line in f.read().splitlines()[:2]]
-        t = Tool(self, binary=RELAYTOOL_TESTRELAY)
-        del t.env["HVN_FTP_PORT"]
-        t.env["HVN_RELAY_SERVER"] = " relay2.example:2299\t"  # the host is written bare
-        t.write("relay-anonymous-key.pem", b"x" * 5000)  # stale, longer files are truncated
-        t.write("relay-known-hosts.txt", b"old.example ssh-rsa AAAA\n" * 200)
-        self.assertEqual(t.run(), 2)
-        self.assertEqual(t.err.data, b"Env var 'HVN_FTP_PORT' must be set\n")
-        self.assertEqual(t.files(), ["relay-anonymous-key.pem", "relay-known-hosts.txt"])
-        self.assertEqual(t.read("relay-anonymous-key.pem"), anonymous)
-        self.assertEqual(t.read("relay-known-hosts.txt"), b"".join(b"relay2.example %s\n" % k for k in test_keys))
-        t = Tool(self)
+    def test_ssh_files_with_the_built_in_keys_and_a_bad_relay_server(self):
+        t = Tool(self, HVN_RELAY_SERVER="relay.example:22")  # installed before any later check
         del t.env["HVN_FTP_PORT"]
         self.assertEqual(t.run(), 2)
-        self.assertEqual([t.mode(n) for n in t.files()], [0o600, 0o600])
-        lines = t.read("relay-known-hosts.txt").split(b"\n")  # two built-in key lines
-        self.assertEqual([len(line) for line in lines], [len(b"relay.example ") + 380] * 2 + [0])
-        for line in lines[:2]:
-            self.assertRegex(line, rb"^relay\.example ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABAQ[A-Za-z0-9+/]+=*$")
-
-    def test_relay_server_host_and_port(self):
-        for value, host, port in [(" \trelay.example \n", "relay.example", "2223"),
-                                  ("relay.example:2224", "relay.example", "2224"),
-                                  ("relay.example:", "relay.example", "0"),
-                                  ("relay.example:22", "relay.example", "22")]:
-            with self.subTest(value=value):
-                t = Tool(self, mode="setup")
-                t.env["HVN_RELAY_SERVER"] = value
-                self.assertEqual(t.run([["expect", "msg=SETUP_C .*"], ["exit", 0]]), 1)
-                self.assertEqual(t.record()["argv"][-3:], ["-p", port, host])
-                self.assertTrue(t.read("relay-known-hosts.txt").startswith(host.encode() + b" ssh-rsa "))
-        t = Tool(self, mode="setup")
-        t.env["HVN_RELAY_SERVER"] = "fe80::1"
+        self.assertEqual((t.err.data, t.files()), (b"Env var 'HVN_FTP_PORT' must be set\n", SSH_FILES))
+        self.assertRegex(t.read(SSH_FILES[1]),  # two lines, with the bare host
+                         rb"^(relay\.example ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABAQ[A-Za-z0-9+/=]{342}\n){2}$")
+        t = Tool(self, mode="setup", HVN_RELAY_SERVER="fe80::1")
         self.assertEqual(t.run(), -signal.SIGABRT)
         self.assertEqual(t.err.data, b"src/main:71: failed precondition 'parts.size() == 2'\n")
         self.assertEqual(t.files(), [])
         self.assertFalse(os.path.exists(t.env["STANDIN_RECORD"]))
 
-
-class ParentGone(unittest.TestCase):
-    def check(self, stdin=subprocess.PIPE, action=None):
-        t = Tool(self, mode="setup")
-        t.env["HVN_DEBUG"] = ""
-        t.start([["eof"]], stdin=stdin)
-        if action:
-            t.err.wait_for(DEBUG + rb"posix_write_pipe_nb: wrote \d+ bytes")  # the loop runs
-            action(t.proc.stdin)
-        self.assertEqual(t.wait(5), 1)
-        t.err.wait_for(DEBUG + rb"stdin closed; parent died\?")
-        self.assertEqual(t.out.data, b"")
-
     def test_any_readiness_of_stdin_ends_the_tool(self):
-        self.check(stdin=subprocess.DEVNULL)
-        self.check(action=lambda stdin: stdin.close())
-        self.check(action=lambda stdin: (stdin.write(b"x"), stdin.flush()))
-
-    def test_closed_stdout(self):
+        for how in ("devnull", "closed", "written"):
+            with self.subTest(how=how):
+                t = Tool(self, mode="setup", debug=True)
+                t.start([["eof"]], stdin=subprocess.DEVNULL if how == "devnull" else subprocess.PIPE)
+                if how != "devnull":
+                    t.err.wait_for(DEBUG + rb"posix_write_pipe_nb: wrote \d+ bytes")  # the loop runs
+                    t.proc.stdin.close() if how == "closed" else (t.proc.stdin.write(b"x"), t.proc.stdin.flush())
+                self.assertEqual(t.wait(5), 1)
+                t.err.wait_for(DEBUG + rb"stdin closed; parent died\?")
+                self.assertEqual((t.out.data, t.record()["argv"][0]), (b"", str(t.proc.pid)))  # with the tunnel up
         t = Tool(self, mode="setup")
         self.assertEqual(t.run(preexec_fn=lambda: os.close(1)), 1)
         self.assertEqual(t.err.data, b"Fatal Posix Error: fcntl: Bad file descriptor\n")
+
+    def test_relay_server_ssh_files_argument_vector_and_first_line(self):
+        anonymous = Path(KEYS, "anonymous.key").read_bytes()
+        test_keys = [b" ".join(k.split()[:2]) for k in Path(KEYS, "test_relay_keys.txt").read_bytes().splitlines()[:2]]
+        # mode, environment, the first line, the arguments between identity and "-p", port, host
+        cases = [("setup", {"HVN_RELAY_SERVER": " \trelay.example \n"}, "SETUP_C .*", [], "2223", "relay.example"),
+                 ("setup", {"HVN_RELAY_SERVER": " relay2.example:2299\t"}, "SETUP_C .*", [], "2299", "relay2.example"),
+                 ("login", {"HVN_RELAY_SERVER": "relay.example:"},
+                  "LOGIN_C id=ep-1234 operation=PAUSED protocol_version=2 .*", [], "0", "relay.example"),
+                 ("login", {"HVN_FTP_PORT": "2121", "HVN_SSH_DEBUG": "", "HVN_PROTOCOL_VERSION": ""},
+                  "LOGIN_C id=ep-1234 operation=FORWARD protocol_version=0 .*", ["-v", "-R", "0:127.0.0.1:2121"],
+                  "2223", "relay.example"),
+                 ("login", {"HVN_FTP_PORT": "0", "HVN_PROTOCOL_VERSION": "7", "HVN_APP_VERSION": "1.0 (b=5)~x"},
+                  re.escape("LOGIN_C id=ep-1234 operation=FORWARD protocol_version=7 appver=1.0%20%28b%3D5%29~x ")
+                  + ".*", ["-R", "0:127.0.0.1:%s"], "2223", "relay.example")]
+        for mode, env, first, extra, port, host in cases:
+            with self.subTest(mode=mode, env=env):
+                t = Tool(self, binary=RELAYTOOL_TESTRELAY, mode=mode, debug=True, **env)
+                if mode == "login":
+                    t.credentials()
+                t.write(SSH_FILES[0], b"x" * 5000)  # stale, longer files are truncated
+                t.write(SSH_FILES[1], b"old.example ssh-rsa AAAA\n" * 200)
+                self.assertEqual(t.run([["expect", "msg=" + first], ["exit", 0]]), 1)
+                if env.get("HVN_FTP_PORT") == "0":
+                    extra = ["-R", extra[1] % t.err.wait_for(DEBUG + rb"using inetd port (\d+)").group(1).decode()]
+                else:
+                    self.assertNotIn(b"startInetd", t.err.data)
+                full = [t.relay, "pdeath", str(t.proc.pid), "/usr/bin/ssh", "ssh", "-F", "/dev/null",
+                        "-o", "CheckHostIP no", "-o", "ServerAliveInterval 15", "-o", "ServerAliveCountMax 8",
+                        "-o", "StrictHostKeyChecking yes", "-o", 'UserKnownHostsFile "%s"' % t.path(SSH_FILES[1]),
+                        "-o", "IdentitiesOnly yes", "-o", "IdentityAgent none", "-o", "IPQoS lowdelay",
+                        "-T", "-l", "x_relay2", "-i", t.path(SSH_FILES[0])] + extra + ["-p", port, host]
+                logged = [m.group(1).decode() for m in re.finditer(DEBUG + rb"ssh arg: (.*)\n", t.err.data)]
+                self.assertEqual(logged, full)
+                self.assertEqual(t.record()["argv"], full[2:])
+                self.assertEqual({t.mode(n) for n in t.files()}, {0o600})
+                self.assertEqual(t.read(SSH_FILES[0]), anonymous)
+                self.assertEqual(t.read(SSH_FILES[1]), b"".join(b"%s %s\n" % (host.encode(), k) for k in test_keys))
+
+    def test_error_lines_are_logged_when_a_chunk_ends_a_line(self):
+        t = Tool(self, mode="setup")
+        script = [["expect", "msg=SETUP_C .*"],
+                  ["stderr", "first\nsec"], ["sleep", 0.4], ["mark", "rest"],
+                  ["stderr", "ond\n  third\t\n"], ["sleep", 0.2],
+                  ["stderr", "   \n"], ["sleep", 0.2],
+                  ["stderr", "\x01bell \\ \xff\n"], ["sleep", 0.2],
+                  ["stderr", "no newline at the end"], ["exit", 0]]
+        self.assertEqual(t.run(script), 1)
+        self.assertEqual(t.err.data, b"[ssh stderr] first\n[ssh stderr] second\n[ssh stderr] third\n"
+                         b"[ssh stderr] \n[ssh stderr] \\x01bell \\\\ \\xff\n")
+        first = next(at for at, line in t.err.times if line == b"[ssh stderr] first")
+        self.assertGreaterEqual(first, t.record()["marks"]["rest"])  # held back until then
 
 
 if __name__ == "__main__":
