@@ -85,6 +85,7 @@ class Conversation(unittest.TestCase):
                 ("upgrade", setup_s(), UNEXPECTED % (b"SETUP_S", b"UPGRADE_S")),
                 ("challenge", "msg=challenge_s string=x\n", UNEXPECTED % (b"challenge_s", b"CHALLENGE_S")),
                 ("challenge", "msg=\xff\xfe\x7f string=1\n", UNEXPECTED % (b"\xff\xfe\x7f", b"CHALLENGE_S")),
+                ("challenge", "msg=LOGIN_S\x00junk\n", UNEXPECTED % (b"LOGIN_S", b"CHALLENGE_S")),
                 ("connected", "msg= x=1\n", b"Fatal Error: bad server message\n"),
                 ("challenge", "\n", b"Fatal Error: Key 'msg' not found\n"),
                 ("challenge", ".\nmsg=CHALLENGE_S string=abc\n", b"Fatal Error: Key 'msg' not found\n"),
