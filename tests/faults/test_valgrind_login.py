@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""A whole scripted login under valgrind's memcheck: LOGIN_C, the signed
-challenge, LOGIN_S, one worker connection, then the relay closes and the tool
-exits 1. No memory error and no definitely lost block."""
-import os, shlex, shutil, signal, socket, sys, unittest
+"""The tool under valgrind's memcheck: a whole scripted login (LOGIN_C, the
+signed challenge, LOGIN_S, one worker connection, then the relay closes and the
+tool exits 1) and the self-check (HVN_RELAYTOOL_TEST, exit 0). No memory error
+and no definitely lost block."""
+import os, shlex, shutil, signal, socket, subprocess, sys, unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tool"))
 from harness import CONNECTED, IDLE, RELAYTOOL, Tool, executable  # noqa: E402
@@ -13,13 +14,21 @@ SANITIZERS = (b"__asan_init", b"__tsan_init", b"__msan_init", b"__ubsan_handle")
 
 
 class Memcheck(unittest.TestCase):
-    def test_login_worker_and_end_of_tunnel(self):
+    def setUp(self):
         if not shutil.which("valgrind"):
             self.skipTest("valgrind is not installed (Debian package valgrind)")
         with open(RELAYTOOL, "rb") as f:
             sanitized = os.environ.get("RELAYTOOL_SANITIZED") or any(n in f.read() for n in SANITIZERS)
         if sanitized:
             self.skipTest("sanitizer build: valgrind does not run sanitized programs")
+
+    def test_self_check(self):
+        run = subprocess.run([*MEMCHECK.split(), RELAYTOOL], env=dict(os.environ, HVN_RELAYTOOL_TEST="1"),
+                             stdin=subprocess.DEVNULL, capture_output=True, timeout=120)
+        self.assertNotRegex(run.stderr, rb"==\d+==", "memcheck findings")
+        self.assertEqual(run.returncode, 0, run.stderr.decode(errors="replace"))
+
+    def test_login_worker_and_end_of_tunnel(self):
         t = Tool(self, debug=True)  # the debug lines' code runs too
         t.binary = executable(os.path.join(t.dir, "memcheck"),  # exec: the tool keeps the pid the harness knows
                               "#!/bin/sh\nexec %s %s\n" % (MEMCHECK, shlex.quote(RELAYTOOL)))
