@@ -104,7 +104,7 @@ bool endswith(const char* text, const char* suffix) {
 
 StringList split(const std::string& s, const std::string& sep, int32_t limit) {
     (void)limit;
-    HV_PRECONDITION(!sep.empty(), "lib/strings", __LINE__);
+    HV_PRECONDITION(!sep.empty(), "lib/strutil", __LINE__);
     StringList fields;
     const std::string text = s.substr(0, s.find('\0'));  // the string is taken as text
     size_t pos = 0;
