@@ -38,11 +38,12 @@ class BrokenOff(unittest.TestCase):
         first = {"setup": "SETUP_C code= ", "resetup": "SETUP_C code=code-1 "}.get(mode, "UPGRADE_C ")
         if blocker and os.path.exists(blocker):
             os.remove(blocker)
-        t.start([["expect", "msg=%s.*" % first], ["mark", "asked"], ["sleep", 0.5 if blocker else 0]] + script)
+        t.start([["expect", "msg=%s.*" % first], ["mark", "asked"]] + [["await", "blocked"]] * bool(blocker) + script)
         if blocker:
             until(lambda: "asked" in t.record()["marks"])
-            os.mkdir(blocker)  # fails if the tool has written the file already: no false pass
+            os.mkdir(blocker)
             open(os.path.join(blocker, "keep"), "w").close()
+            t.release("blocked")
         return t.wait()
 
     def check_files(self, t, mode, written, partial=None, blocker=None):

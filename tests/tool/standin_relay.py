@@ -4,8 +4,13 @@ arguments, then plays the JSON script in STANDIN_SCRIPT (texts are latin-1
 byte strings); the record (STANDIN_RECORD) is rewritten after every step.
 Steps: ["send", text] to stdout, ["stderr", text], ["expect", regex] for the
 next stdin line, ["sig", signed, public_pem] for a CHALLENGE_C line,
-["sleep", s], ["mark", name], ["eof"], ["exit", code], ["kill", signal]."""
-import json, os, re, sys, time
+["drain"] until the tool has read all that was sent (so the next text reaches
+it as a chunk of its own, however slowly it runs), ["await", name] until the
+test creates STANDIN_SCRIPT.name, ["sleep", s], ["mark", name], ["eof"],
+["exit", code], ["kill", signal]."""
+import fcntl, json, os, re, struct, sys, termios, time
+
+WAIT = 60  # seconds for a drain or an await; then the script fails
 
 record = {"pid": os.getpid(), "argv": sys.argv[1:], "received": [], "verified": [], "marks": {},
           "failure": None, "done": False}
@@ -47,6 +52,19 @@ def verify(line, signed, pem_path):
     record["verified"].append(signed)
 
 
+def unread(fd):
+    """Bytes written to the pipe `fd` that its reader has not read yet."""
+    return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, b"\0" * 4))[0]
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + WAIT
+    while not condition():
+        if time.monotonic() > deadline:
+            fail("gave up waiting for " + what)
+        time.sleep(0.005)
+
+
 def main():
     save()
     with open(os.environ["STANDIN_SCRIPT"]) as f:
@@ -62,6 +80,10 @@ def main():
                 fail("line %r does not match %r" % (line[:300], args[0]))
         elif op == "sig":
             verify(read_line(), *args)
+        elif op == "drain":
+            wait_for(lambda: unread(1) == 0 and unread(2) == 0, "the tool to read its pipes")
+        elif op == "await":
+            wait_for(lambda: os.path.exists(os.environ["STANDIN_SCRIPT"] + "." + args[0]), args[0])
         elif op == "sleep":
             time.sleep(args[0])
         elif op == "mark":

@@ -23,9 +23,10 @@ class Conversation(unittest.TestCase):
             t.write(name, b"old")
         t.write("client-id.txt", b"a much longer identifier from before\n")
         t.start([["expect", re.escape("msg=SETUP_C code=a%20code%3D1/2%25 " + VERSIONS)],
-                 ["send", setup_s(id="ep%41-9", cert=CERT, key=KEY)], ["sleep", 0.5], ["exit", 0]])
+                 ["send", setup_s(id="ep%41-9", cert=CERT, key=KEY)], ["await", "close"], ["exit", 0]])
         t.err.wait_for(b"HVN V2 setup complete")
         self.assertIsNone(t.proc.poll())  # success only once the tunnel has closed
+        t.release("close")
         self.assertEqual(t.wait(), 0)
         self.assertEqual((t.err.data, t.out.data), (b"HVN V2 setup complete\n", b""))
         self.assertEqual(t.files(), sorted(WRITTEN + SSH_FILES + ["config", "v2done.txt"]))
@@ -37,7 +38,8 @@ class Conversation(unittest.TestCase):
     def test_login_framing(self):
         # Chunks split anywhere, with heartbeats (".") around them; two messages
         # in one chunk make one record (the challenge runs up to the next
-        # space, newline included); a 1 MB challenge is signed whole.
+        # space, newline included); a 1 MB challenge is signed whole. Each
+        # text reaches the tool as a chunk of its own (drain).
         login_s = "msg=LOGIN_S ep_display_name=My%20Laptop web_ux_url=" + URL + "\n"
         for sends, signed, then in [
                 ([".", "\n", "msg=CHALL", "ENGE_S string=abc%20def", "\n"], "abc%20def", [login_s + ".\n.\n", ".\n"]),
@@ -49,9 +51,12 @@ class Conversation(unittest.TestCase):
                 public = t.credentials(client_id=b"  ep-1234\r\n")
                 t.write("ltakey.pem", b"old")  # the marker wins: no upgrade
                 script = [["expect", re.escape(LOGIN_C.format("ep-1234"))]]
-                script += [s for text in sends for s in (["send", text], ["sleep", 0.2])]
-                script += [["sig", signed, public]] + [s for text in then for s in (["send", text], ["sleep", 0.3])]
-                self.assertEqual(t.run(script + [["sleep", 1.5], ["exit", 0]]), 1)
+                script += [s for text in sends for s in (["send", text], ["drain"])]
+                script += [["sig", signed, public]] + [s for text in then for s in (["send", text], ["drain"])]
+                t.start(script + [["await", "end"], ["exit", 0]])
+                t.out.wait_for(b"RELAYTOOL=1 status=PAUSED")
+                t.release("end")
+                self.assertEqual(t.wait(), 1)
                 self.assertEqual(t.out.lines(), [CONNECTED, b"RELAYTOOL=1 status=PAUSED"])
                 self.assertEqual(t.err.data, CONNECTING)
                 self.assertEqual(t.record()["verified"], [signed])
@@ -101,8 +106,8 @@ class Conversation(unittest.TestCase):
                     script = [["expect", "msg=UPGRADE_C .*"]]
                 elif state == "setup":
                     script = [["expect", "msg=SETUP_C .*"]]
-                else:  # after LOGIN_S a pause, so that the next text comes as a chunk of its own
-                    script = login_steps(t.credentials()) + [["sleep", 0.3]]
+                else:  # the next text comes as a chunk of its own, after LOGIN_S
+                    script = login_steps(t.credentials()) + [["drain"]]
                     script = {"challenge": script[:1], "login": script[:3], "connected": script}[state]
                 before = t.files()
                 self.assertEqual(t.run(script + [["send", text]] + (then or [["eof"]])), 1)

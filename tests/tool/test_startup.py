@@ -110,10 +110,10 @@ class Startup(unittest.TestCase):
     def test_error_lines_are_logged_when_a_chunk_ends_a_line(self):
         t = Tool(self, mode="setup")
         script = [["expect", "msg=SETUP_C .*"],
-                  ["stderr", "first\nsec"], ["sleep", 0.4], ["mark", "rest"],
-                  ["stderr", "ond\n  third\t\n"], ["sleep", 0.2],
-                  ["stderr", "   \n"], ["sleep", 0.2],
-                  ["stderr", "\x01bell \\ \xff\n"], ["sleep", 0.2],
+                  ["stderr", "first\nsec"], ["drain"], ["mark", "rest"],
+                  ["stderr", "ond\n  third\t\n"], ["drain"],
+                  ["stderr", "   \n"], ["drain"],
+                  ["stderr", "\x01bell \\ \xff\n"], ["drain"],
                   ["stderr", "no newline at the end"], ["exit", 0]]
         self.assertEqual(t.run(script), 1)
         self.assertEqual(t.err.data, b"[ssh stderr] first\n[ssh stderr] second\n[ssh stderr] third\n"
