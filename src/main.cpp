@@ -64,10 +64,13 @@ int main() {
     config.ssh_path = require_env("HVN_SSH_PATH");
     config.gridftp_path = require_env("HVN_GRIDFTP_PATH");
     config.pdeath_path = require_env("HVN_PDEATH_PATH");
-    parse_relay_server(require_env("HVN_RELAY_SERVER"), config);
+    const std::string relay_server = require_env("HVN_RELAY_SERVER");
     config.user = require_env("HVN_USER");
     config.config_dir = require_env("HVN_CONFIG_DIR");
     config.global_etc_dir = require_env("HVN_GLOBAL_ETC_DIR");
+    // Split only once every required variable is known to be there: a
+    // missing one is reported before a malformed server is.
+    parse_relay_server(relay_server, config);
 
     // The constructor installs the SSH files, so it runs before the mode
     // variables are looked at.

@@ -49,6 +49,9 @@ class Startup(unittest.TestCase):
         self.assertRegex(t.read(SSH_FILES[1]),  # two lines, with the bare host
                          rb"^(relay\.example ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABAQ[A-Za-z0-9+/=]{342}\n){2}$")
         t = Tool(self, mode="setup", HVN_RELAY_SERVER="fe80::1")
+        del t.env["HVN_GLOBAL_ETC_DIR"]  # every variable is read before the server is split
+        self.assertEqual((t.run(), t.err.data), (2, b"Env var 'HVN_GLOBAL_ETC_DIR' must be set\n"))
+        t.env["HVN_GLOBAL_ETC_DIR"] = t.etc
         self.assertEqual(t.run(), -signal.SIGABRT)
         self.assertEqual(t.err.data, b"src/main:71: failed precondition 'parts.size() == 2'\n")
         self.assertEqual(t.files(), [])
