@@ -1,6 +1,7 @@
 // pdeath: run a program that must not outlive a given parent process.
 //
 //   pdeath <pid> <program> <argv0> [args...]
+//   pdeath --version
 //
 // The relay tool starts ssh through this helper so that ssh goes away when
 // the relay tool does, however the relay tool ends (including SIGKILL).
@@ -205,6 +206,10 @@ int run(pid_t parent, const char* program, char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::fputs("pdeath (relaytool) " RELAYTOOL_VERSION "\n", stdout);
+        return 0;
+    }
     pid_t parent;
     if (argc < 4 || !parse_pid(argv[1], parent)) {
         usage();

@@ -91,6 +91,7 @@ class PdeathTest(unittest.TestCase):
         usage = re.escape("usage: pdeath <pid> <program> <argv0> [args...]\n")
         for args, status, err in (
                 ([me, "/bin/sh"], 2, usage),
+                (["--version", "x"], 2, usage),
                 ([me + "x", *program], 2, usage),
                 ([str(2**32 + os.getpid()), *program], 2, usage),  # not cut to 32 bits
                 ([str(os.getppid()), *program], 1, r"pdeath: [^\n]+\n"),
@@ -100,6 +101,9 @@ class PdeathTest(unittest.TestCase):
                 result = run(*args)
                 self.assertEqual(result[:2], (status, b""))
                 self.assertRegex(result[2].decode(), f"^{err}$")
+        status, out, err = run("--version")
+        self.assertEqual((status, err), (0, b""))
+        self.assertRegex(out.decode(), r"^pdeath \(relaytool\) \d+\.\d+\.\d+\n$")
 
     def test_only_standard_descriptors_and_signals_forwarded(self):
         # The program lists its descriptors, acknowledges each signal it gets
