@@ -22,11 +22,9 @@ fi
 
 # --- 1. packages ------------------------------------------------------------
 step "1. Installing missing Debian packages" \
-     "(compiler, CMake, OpenSSL, GoogleTest, OpenSSH client and server," \
-     "python3-cryptography for the relay; nothing is touched if all are there)"
-bash scripts/install-deps.sh \
-  cmake make g++ pkg-config libssl-dev libgtest-dev \
-  openssh-client openssh-server python3 python3-cryptography procps
+     "(those debian/control lists for building and testing, without the" \
+     "developer checks; nothing is touched if all are there)"
+bash scripts/install-deps.sh --profile pkg.relaytool.nodevtools
 
 # --- 2. build ---------------------------------------------------------------
 step "2. Building into build/" \

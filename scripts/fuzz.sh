@@ -16,7 +16,7 @@ shift || true
 targets=("$@")
 [[ ${#targets[@]} -gt 0 ]] || targets=(fuzz_keyvalues fuzz_url fuzz_escape fuzz_split fuzz_protocol)
 
-bash scripts/install-deps.sh cmake make libssl-dev clang libclang-rt-14-dev
+bash scripts/install-deps.sh
 
 cmake --preset fuzz >/dev/null
 cmake --build build-fuzz --target fuzzers -j"$(nproc 2>/dev/null || echo 2)"

@@ -1,5 +1,16 @@
 #!/usr/bin/env bash
-# Installs the Debian packages named on the command line that are missing.
+# Installs the Debian packages that building and testing need, when missing.
+#
+#   install-deps.sh [--profile NAME]...     what debian/control's Build-Depends
+#                                           lists, for these build profiles
+#   install-deps.sh PACKAGE...              just these packages
+#
+# debian/control is the one list: the package build, the README's two
+# commands and every script install from it. Build profiles work as in
+# dpkg: "nocheck" leaves out what only the tests need, and
+# "pkg.relaytool.nodevtools" the developer checks the demo does without.
+# build-essential comes too, as for every Debian source package.
+#
 # Runs apt-get only when something is missing, so a prepared machine is not
 # touched. Needs root (or sudo) on a machine that lacks a package.
 #
@@ -11,8 +22,63 @@
 # system sshd that this run installed is left disabled, not just stopped.
 set -euo pipefail
 
+control="$(dirname "$0")/../debian/control"
+
+# Whether a restriction list such as "<!nocheck !pkg.x.y>" holds for the
+# active profiles: every term must (a "!" term: must not be active).
+restriction_holds() {
+  local term
+  for term in $1; do
+    if [[ $term == !* ]]; then
+      [[ " ${profiles[*]} " != *" ${term#!} "* ]] || return 1
+    else
+      [[ " ${profiles[*]} " == *" $term "* ]] || return 1
+    fi
+  done
+}
+
+# The packages of Build-Depends for the active profiles.
+build_depends() {
+  local field entry name lists list ok
+  field=$(awk '/^Build-Depends:/ { on = 1; sub(/^Build-Depends:/, ""); print; next }
+               on && /^[ \t]/  { print; next }
+               on && /^#/      { next }
+                               { on = 0 }' "$control" | tr '\n' ' ')
+  IFS=',' read -ra entries <<<"$field"
+  for entry in "${entries[@]}"; do
+    entry=${entry%%|*}                      # the first of alternatives
+    name=$(awk '{ print $1 }' <<<"$entry")
+    [[ -n $name ]] || continue
+    lists=$(grep -o '<[^>]*>' <<<"$entry" | tr -d '<>' || true)
+    if [[ -n $lists ]]; then                # any list may hold
+      ok=""
+      while read -r list; do
+        if restriction_holds "$list"; then ok=1; fi
+      done <<<"$lists"
+      [[ -n $ok ]] || continue
+    fi
+    [[ $name == debhelper-compat ]] && name=debhelper
+    echo "$name"
+  done
+  echo build-essential
+}
+
+profiles=()
+wanted=()
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --profile) profiles+=("$2"); shift 2 ;;
+    --profile=*) profiles+=("${1#--profile=}"); shift ;;
+    -*) echo "usage: install-deps.sh [--profile NAME]... | PACKAGE..." >&2; exit 2 ;;
+    *) wanted+=("$1"); shift ;;
+  esac
+done
+if [[ ${#wanted[@]} -eq 0 ]]; then
+  mapfile -t wanted < <(build_depends)
+fi
+
 missing=()
-for pkg in "$@"; do
+for pkg in "${wanted[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$pkg")
 done

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
 
-bash scripts/install-deps.sh clang-format clang-tidy cppcheck
+bash scripts/install-deps.sh
 
 mapfile -t sources < <(git ls-files '*.cpp' '*.h' 2>/dev/null || find lib src pdeath tests fuzz -name '*.cpp' -o -name '*.h')
 mapfile -t units < <(printf '%s\n' "${sources[@]}" | grep -E '^(lib|src|pdeath)/.*\.cpp$')

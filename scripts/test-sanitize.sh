@@ -13,7 +13,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh cmake make g++ pkg-config libssl-dev libgtest-dev
+bash scripts/install-deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake --preset asan >/dev/null

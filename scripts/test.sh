@@ -2,17 +2,17 @@
 # The whole test suite, as a newcomer and CI run it: installs what is
 # missing, then
 #   1. builds (hardened) and runs every test with CTest,
-#   2. runs the static checks (clang-format, clang-tidy, cppcheck),
-#   3. builds with AddressSanitizer + UndefinedBehaviorSanitizer and runs
+#   2. builds the Debian package and checks it, also installed and running
+#      through the local relay,
+#   3. runs the static checks (clang-format, clang-tidy, cppcheck),
+#   4. builds with AddressSanitizer + UndefinedBehaviorSanitizer and runs
 #      every test again,
-#   4. runs each fuzz target for a bounded time (FUZZ_SECONDS, default 30).
+#   5. runs each fuzz target for a bounded time (FUZZ_SECONDS, default 30).
 # Stops at the first step that fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh \
-  cmake make g++ pkg-config libssl-dev libgtest-dev binutils valgrind \
-  openssh-client openssh-server python3 python3-cryptography procps
+bash scripts/install-deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 started=$SECONDS
@@ -22,6 +22,9 @@ stage "build and test"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+stage "Debian package"
+bash scripts/package.sh
 
 stage "static checks"
 bash scripts/static-checks.sh build

@@ -28,6 +28,9 @@ TOOL, DEFAULT_TOOL, PDEATH = (
     os.environ.get(var, os.path.join(REPO, "build", path)) for var, path in (
         ("RELAYTOOL_TESTRELAY_BIN", "tests/relaytool-testrelay"),
         ("RELAYTOOL_BIN", "src/relaytool"), ("PDEATH_BIN", "pdeath/pdeath")))
+# an installation directory with relay-anonymous.key (an unpacked package's
+# /etc/relaytool); by default each endpoint gets the test key in one of its own
+INSTALLED_ETC = os.environ.get("RELAYTOOL_ETC_DIR")
 SSH = "/usr/bin/ssh"
 WAIT = 30          # seconds; generous, the machine is shared and noisy
 DISPLAY_NAME = "Lab PC #2 = main"
@@ -159,8 +162,11 @@ class Endpoint:
         self.etc_dir, serve_dir = self.root + "/etc", self.root + "/files"
         for d in (self.config_dir, self.etc_dir, serve_dir):
             os.mkdir(d)
-        shutil.copyfile(os.path.join(REPO, "tests/keys/anonymous.key"),
-                        os.path.join(self.etc_dir, "relay-anonymous.key"))
+        if INSTALLED_ETC:
+            self.etc_dir = INSTALLED_ETC
+        else:
+            shutil.copyfile(os.path.join(REPO, "tests/keys/anonymous.key"),
+                            os.path.join(self.etc_dir, "relay-anonymous.key"))
         with open(self.path("gridftp.conf"), "w") as f:
             f.write("serve_dir = %s\n" % serve_dir)
         self.blob = os.urandom(1 << 20)

@@ -1,0 +1,134 @@
+#!/usr/bin/env bash
+# Builds the Debian package from this checkout with Debian's own tools and
+# checks it, into build-deb/:
+#
+#   1. the package as shipped (dpkg-buildpackage; the relay keys and the
+#      anonymous key are whatever RELAYTOOL_CONFIGURE_ARGS gives, by default
+#      none): lintian must report no error, its file list must be exactly
+#      what `DESTDIR=... cmake --install` gives, its programs must carry the
+#      hardening flags, and it must trust no test relay key and hold no key;
+#   2. the same package built with the test relay's keys and the test
+#      anonymous key (never shipped): unpacked into a scratch root with
+#      dpkg-deb -x, its relaytool and pdeath set an endpoint up, log in and
+#      carry transfers through the local relay (the real sshd and ssh; needs
+#      root, otherwise this part is skipped and says so).
+#
+# Usage: scripts/package.sh [--build-only]
+#   --build-only  just build the package as shipped (step 1 without checks)
+# The packages are left in build-deb/release/ and build-deb/testkeys/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+REPO=$PWD
+OUT=$REPO/build-deb
+build_only=""
+[[ ${1:-} == --build-only ]] && build_only=1
+
+bash scripts/install-deps.sh
+
+version=$(sed -n 's/^relaytool (\([^)]*\)).*/\1/p;q' debian/changelog)
+arch=$(dpkg --print-architecture)
+jobs=$(nproc 2>/dev/null || echo 2)
+
+# build_package NAME [CONFIGURE ARGS]: the sources as git sees them (tracked
+# and new files, never build trees) are copied to build-deb/NAME/ and built
+# there, so dpkg-buildpackage leaves its results in build-deb/NAME/.
+build_package() {
+  local name=$1 args=${2:-} dir=$OUT/$1 log
+  rm -rf "$dir"
+  mkdir -p "$dir/relaytool-$version"
+  git ls-files -z --cached --others --exclude-standard |
+    tar --null -T - -cf - | tar -xf - -C "$dir/relaytool-$version"
+  log=$dir/build.log
+  echo "building $name package relaytool_${version}_$arch.deb (log: $log)"
+  if ! (cd "$dir/relaytool-$version" &&
+        RELAYTOOL_CONFIGURE_ARGS="$args" DEB_BUILD_OPTIONS="nocheck parallel=$jobs" \
+        DEB_BUILD_PROFILES=nocheck dpkg-buildpackage -b -us -uc) >"$log" 2>&1; then
+    tail -n 40 "$log"
+    echo "package build failed: $name" >&2
+    exit 1
+  fi
+  DEB=$dir/relaytool_${version}_${arch}.deb
+}
+
+build_package release "${RELAYTOOL_CONFIGURE_ARGS:-}"
+[[ -n $build_only ]] && { echo "$DEB"; exit 0; }
+release=$DEB
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+echo "== lintian"
+# Errors fail; warnings and informational tags are listed for the record.
+if ! lintian --allow-root --fail-on error --display-info "$release"; then
+  fail "lintian reports errors"
+fi
+
+echo "== file list: package against cmake --install"
+root=$OUT/release/install-root
+rm -rf "$root"
+DESTDIR=$root cmake --install "$(echo "$OUT"/release/relaytool-"$version"/obj-*)" >/dev/null
+installed=$(cd "$root" && find . -mindepth 1 ! -type d | sed 's|^\./|/|' | sort)
+packaged=$(dpkg-deb --fsys-tarfile "$release" | tar -t | grep -v '/$' | sed 's|^\./|/|' | sort)
+if [[ "$installed" != "$packaged" ]]; then
+  fail "the package's files differ from cmake --install's"
+  diff <(echo "$installed") <(echo "$packaged") | sed 's/^/    /' || true
+else
+  echo "ok   $(wc -l <<<"$packaged") files"
+  sed 's/^/     /' <<<"$packaged"
+fi
+
+echo "== what the package declares and holds"
+dpkg-deb -f "$release" Version Depends | sed 's/^/     /'
+[[ $(dpkg-deb -f "$release" Version) == "$version" ]] || fail "package version"
+dpkg-deb -f "$release" Depends | grep -q 'openssh-client' || fail "Depends lacks openssh-client"
+dpkg-deb -f "$release" Depends | grep -q 'libssl3\|libssl1' || fail "Depends lacks the OpenSSL library (shlibdeps)"
+unpacked=$OUT/release/unpacked
+rm -rf "$unpacked"
+dpkg-deb -x "$release" "$unpacked"
+echo "-- hardening flags: every compile and link line has dpkg-buildflags' words"
+log=$OUT/release/build.log
+for kind in CPPFLAGS CXXFLAGS LDFLAGS; do
+  # compile lines have " -c ", link lines do not; a blank ends every line
+  lines=$(grep -E '^(cd [^&]*&& )?/usr/bin/c\+\+ ' "$log" | sed 's/$/ /' |
+          if [[ $kind == LDFLAGS ]]; then grep -v -- ' -c '; else grep -- ' -c '; fi)
+  for word in $(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get $kind); do
+    [[ $word == -ffile-prefix-map=* ]] && continue  # names the build directory
+    missing=$(grep -cvF -- " $word " <<<"$lines" || true)
+    [[ $missing -eq 0 ]] || fail "$kind word $word missing from $missing of $(wc -l <<<"$lines") command lines"
+  done
+  echo "     $kind: $(wc -l <<<"$lines") command lines checked"
+done
+# pdeath has no function that needs a stack canary, so imports no
+# __stack_chk_fail although it is built with the same flags.
+for program in usr/libexec/relaytool/relaytool usr/libexec/relaytool/pdeath usr/bin/relaytool-endpoint; do
+  [[ -e $unpacked/$program ]] || continue
+  echo "-- hardening of /$program"
+  bash tests/check_hardening.sh $([[ $program == */pdeath ]] && echo --no-canary) "$unpacked/$program" |
+    sed 's/^/     /' || fail "hardening of /$program"
+done
+while read -r _ key _; do  # the base64 field of each test key line
+  if grep -qF "$key" "$unpacked/usr/libexec/relaytool/relaytool"; then
+    fail "the shipped tool trusts a test relay key"
+  fi
+done <tests/keys/test_relay_keys.txt
+[[ ! -e $unpacked/etc/relaytool/relay-anonymous.key ]] || [[ -n ${RELAYTOOL_CONFIGURE_ARGS:-} ]] ||
+  fail "a package built without a key installs relay-anonymous.key"
+
+echo "== the installed programs through the local relay"
+build_package testkeys "-DRELAY_KEYS_FILE=$REPO/tests/keys/test_relay_keys.txt -DRELAYTOOL_ANONYMOUS_KEY=$REPO/tests/keys/anonymous.key"
+scratch=$OUT/testkeys/root
+rm -rf "$scratch"
+dpkg-deb -x "$DEB" "$scratch"
+chmod 755 "$OUT" "$OUT/testkeys" "$scratch"  # the relay's own account reads nothing here, but ssh checks paths
+key_mode=$(stat -c %a "$scratch/etc/relaytool/relay-anonymous.key")
+[[ $key_mode == 644 ]] || fail "relay-anonymous.key has mode $key_mode, not 644"
+if RELAYTOOL_TESTRELAY_BIN=$scratch/usr/libexec/relaytool/relaytool \
+   PDEATH_BIN=$scratch/usr/libexec/relaytool/pdeath \
+   RELAYTOOL_ETC_DIR=$scratch/etc/relaytool \
+   python3 tests/e2e/test_end_to_end.py EndToEndTests.test_login_and_transfers 2>&1 | tee "$OUT/testkeys/e2e.log" | tail -n 3
+then :; else fail "setup, login and transfers with the installed programs"; fi
+
+if [[ $failures -gt 0 ]]; then
+  echo "package checks: $failures failed"
+  exit 1
+fi
+echo "package checks: all passed ($release)"

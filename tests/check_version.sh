@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# The version has one source, project(... VERSION) in CMakeLists.txt; what
+# else shows it must agree: the Debian changelog (the package's version),
+# the README, the watcher's --version and the manual pages.
+#
+# Usage: check_version.sh VERSION SOURCE_DIR PDEATH [MANPAGE...]
+set -uo pipefail
+version=$1 src=$2 pdeath=$3
+shift 3
+failures=0
+expect() {  # expect WHAT ACTUAL
+  if [[ $2 == "$version" ]]; then echo "ok   $1: $2"; else echo "FAIL $1: '$2', not $version"; failures=$((failures + 1)); fi
+}
+expect "debian/changelog" "$(sed -n 's/^relaytool (\([^)]*\)).*/\1/p;q' "$src/debian/changelog")"
+expect "README.md" "$(grep -o -m1 'relaytool [0-9][0-9.]*[0-9]' "$src/README.md" | cut -d' ' -f2)"
+expect "pdeath --version" "$("$pdeath" --version | sed -n 's/^pdeath (relaytool) //p')"
+for page in "$@"; do
+  expect "$(basename "$page")" "$(sed -n 's/^\.Os relaytool //p' "$page")"
+done
+[[ $failures -eq 0 ]]
