@@ -3,9 +3,10 @@
 import argparse, contextlib, ctypes, os, re, select, signal, subprocess, sys, time, unittest
 
 PDEATH = os.environ.get("PDEATH", "")
+WAIT = 60  # seconds for anything that must happen; generous, the machine is shared
 
 
-def ends(pid, timeout):
+def ends(pid, timeout=WAIT):
     """Whether the process ends within timeout seconds (a zombie has ended)."""
     for _ in range(int(timeout / 0.02)):
         try:
@@ -18,7 +19,7 @@ def ends(pid, timeout):
     return False
 
 
-def read_line(stream, timeout=10):
+def read_line(stream, timeout=WAIT):
     """The next line of an unbuffered pipe (bufsize=0), b"" at its end, or
     None when nothing more comes for timeout seconds. Reads byte by byte, so
     no line is ever left in a buffer that select() cannot see."""
@@ -48,7 +49,7 @@ def started(*args, **kwargs):
 def run(*args, input=None):
     """Runs pdeath as our child; returns (status, stdout, stderr)."""
     with started(*args, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as proc:
-        out, err = proc.communicate(input, timeout=10)
+        out, err = proc.communicate(input, timeout=WAIT)
         return proc.returncode, out, err
 
 
@@ -66,8 +67,8 @@ class PdeathTest(unittest.TestCase):
                     pids = {name.decode(): int(pid) for name, pid in
                             (read_line(parent.stdout).split() for _ in range(2))}
                     parent.kill()
-                    self.assertTrue(ends(pids["program"], 10), "program outlived parent")
-                    self.assertTrue(ends(pids["watcher"], 10))
+                    self.assertTrue(ends(pids["program"]), "program outlived parent")
+                    self.assertTrue(ends(pids["watcher"]))
                     self.assertEqual(read_line(parent.stdout), b"", "stdout pipe still open")
                 finally:
                     parent.kill()
@@ -124,7 +125,7 @@ class PdeathTest(unittest.TestCase):
             for sig in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
                 proc.send_signal(sig)
                 self.assertEqual(read_line(proc.stdout), b"%d\n" % sig, sig.name)
-            proc.communicate(timeout=10)  # end of input
+            proc.communicate(timeout=WAIT)  # end of input
             self.assertEqual(proc.returncode, 0)
 
 if __name__ == "__main__":
