@@ -1,6 +1,7 @@
 """Runs the relay tool as its parent does, with standin_relay.py as the watcher
 (and relay) and standin_worker.py as the GridFTP server. The tool's stdin is
-a pipe held open and never written to; every wait has a timeout."""
+a pipe held open and never written to; every wait has a timeout, generous
+(WAIT), since the machine is shared and a slow run must not fail."""
 import functools, glob, json, os, re, shutil, signal, stat, subprocess, tempfile, threading, time
 from pathlib import Path
 from urllib.parse import quote
@@ -11,6 +12,7 @@ _BUILD = os.path.join(os.path.dirname(os.path.dirname(HERE)), "build")
 RELAYTOOL = os.environ.get("RELAYTOOL") or os.path.join(_BUILD, "src", "relaytool")
 RELAYTOOL_TESTRELAY = os.environ.get("RELAYTOOL_TESTRELAY") or os.path.join(_BUILD, "tests", "relaytool-testrelay")
 V2DONE = b"V2 Credentials Done.  Do not remove this file"
+WAIT = 30  # seconds
 DEBUG = rb"\[relaytool debug\] pid=\d+ "
 URL = "https%3A%2F%2Fexample.org%2Fep%3Fid%3D1"
 CONNECTED = b"RELAYTOOL=1 status=CONNECTED ep_display_name=My%20Laptop web_ux_url=" + URL.encode()
@@ -26,7 +28,7 @@ def load(path):
     return json.loads(Path(path).read_text())
 
 
-def until(condition, seconds=10):
+def until(condition, seconds=WAIT):
     deadline = time.monotonic() + seconds
     while not condition() and time.monotonic() < deadline:
         time.sleep(0.02)
@@ -76,7 +78,7 @@ class Stream:
         with self.cond:
             return [line for _, line in self.times]
 
-    def wait_for(self, pattern, timeout=5.0, count=1):
+    def wait_for(self, pattern, timeout=WAIT, count=1):
         """Waits for `count` whole lines matching the regex; the last match."""
         deadline = time.monotonic() + timeout
         with self.cond:
@@ -130,7 +132,7 @@ class Tool:
         """Starts the tool and waits for its end; returns the exit status."""
         return self.start(script, **kwargs).wait()
 
-    def login(self, timeout=5, **popen):
+    def login(self, timeout=WAIT, **popen):
         """Logs in with a listener (HVN_FTP_PORT 0), after which the relay is
         silent; returns the listener's port once the tool reports IDLE."""
         self.env["HVN_FTP_PORT"] = "0"
@@ -139,7 +141,7 @@ class Tool:
         argv = self.record()["argv"]
         return int(re.fullmatch(r"0:127\.0\.0\.1:(\d+)", argv[argv.index("-R") + 1]).group(1))
 
-    def wait(self, timeout=10):
+    def wait(self, timeout=2 * WAIT):
         try:
             self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -153,7 +155,7 @@ class Tool:
         """Lets the relay stand-in go on past its ["await", name] step."""
         open(self.env["STANDIN_SCRIPT"] + "." + name, "w").close()
 
-    def record(self, timeout=5.0):
+    def record(self, timeout=WAIT):
         """The relay stand-in's record, once it has written one."""
         if not until(lambda: os.path.exists(self.env["STANDIN_RECORD"]), timeout):
             raise AssertionError("the relay stand-in was never started")

@@ -65,7 +65,7 @@ class Startup(unittest.TestCase):
                 if how != "devnull":
                     t.err.wait_for(DEBUG + rb"posix_write_pipe_nb: wrote \d+ bytes")  # the loop runs
                     t.proc.stdin.close() if how == "closed" else (t.proc.stdin.write(b"x"), t.proc.stdin.flush())
-                self.assertEqual(t.wait(5), 1)
+                self.assertEqual(t.wait(), 1)
                 t.err.wait_for(DEBUG + rb"stdin closed; parent died\?")
                 self.assertEqual((t.out.data, t.record()["argv"][0]), (b"", str(t.proc.pid)))  # with the tunnel up
         t = Tool(self, mode="setup")

@@ -13,7 +13,7 @@ HALF_LINE = rb"\[ftp stderr\] half line"
 
 class Workers(unittest.TestCase):
     def connect(self, port, hello=None):
-        s = socket.create_connection(("127.0.0.1", port), timeout=5)
+        s = socket.create_connection(("127.0.0.1", port), timeout=30)
         self.addCleanup(s.close)
         if hello:
             s.sendall(hello + b"\n")
@@ -65,7 +65,7 @@ class Workers(unittest.TestCase):
         time.sleep(0.2)
         self.assertTrue(alive(last[0]))
         c.close()
-        self.assertTrue(until(lambda: not alive(last[0]), 5))
+        self.assertTrue(until(lambda: not alive(last[0])))
 
     def test_worker_that_cannot_be_started(self):
         t = Tool(self)
