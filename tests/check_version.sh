@@ -14,7 +14,8 @@ expect() {  # expect WHAT ACTUAL
 expect "debian/changelog" "$(sed -n 's/^relaytool (\([^)]*\)).*/\1/p;q' "$src/debian/changelog")"
 expect "README.md" "$(grep -o -m1 'relaytool [0-9][0-9.]*[0-9]' "$src/README.md" | cut -d' ' -f2)"
 expect "pdeath --version" "$("$pdeath" --version | sed -n 's/^pdeath (relaytool) //p')"
-for page in "$@"; do
-  expect "$(basename "$page")" "$(sed -n 's/^\.Os relaytool //p' "$page")"
+for page in "$@"; do  # every "relaytool X.Y.Z" or "(relaytool) X.Y.Z" in the page
+  shown=$(grep -oE 'relaytool\)? [0-9]+\.[0-9]+\.[0-9]+' "$page" | awk '{ print $2 }' | sort -u | paste -sd' ')
+  expect "$(basename "$page")" "$shown"
 done
 [[ $failures -eq 0 ]]
