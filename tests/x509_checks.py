@@ -89,12 +89,14 @@ class TlsServer:
         return tuple(texts)
 
     def finish(self):
-        """Waits for the server to end after its one connection; returns
-        (stdout, stderr)."""
-        try:
-            self.proc.wait(WAIT)
-        finally:
-            self.close()
+        """Waits until the server has closed the connection of a client
+        that has ended, then stops it; returns (stdout, stderr).  (After a
+        refused handshake s_server keeps listening, -naccept or not.)"""
+        deadline = time.monotonic() + WAIT
+        while ("CONNECTION CLOSED" not in self.output()[0] and
+               self.proc.poll() is None and time.monotonic() < deadline):
+            time.sleep(0.02)
+        self.close()
         return self.output()
 
     def close(self):
