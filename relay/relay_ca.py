@@ -180,8 +180,11 @@ class Authority:
     @classmethod
     def new(cls):
         key = new_rsa_key()
-        name = make_name(("O", ORGANIZATION), ("OU", "Local Relay"),
-                         ("CN", "Relay Test Authority " + secrets.token_hex(4)))
+        # a random part, so that authorities of several relay directories
+        # can share one trust directory without their names colliding
+        name = make_name(
+            ("O", ORGANIZATION), ("OU", "Local Relay"),
+            ("CN", "Relay Test Authority " + secrets.token_hex(4)))
         cert = (_build(name, name, key.public_key(),
                        _utcnow() + CA_LIFETIME, CA_PROFILE)
                 .sign(key, hashes.SHA256()))
@@ -228,9 +231,7 @@ def _write_authority(state_dir, authority):
         relay_files.write_new_file(os.path.join(tmp, "ca-cert.pem"), pem,
                                    0o644)
         trust = os.path.join(tmp, "trust")
-        os.mkdir(trust, 0o755)
-        os.chmod(trust, 0o755)
-        relay_files.own_like_dir(trust, tmp)
+        relay_files.make_dir(trust, 0o755)
         relay_files.write_new_file(os.path.join(
             trust, subject_hash(authority.cert.subject) + ".0"), pem, 0o644)
         relay_files.write_new_file(os.path.join(trust, "ca-bundle.pem"), pem,

@@ -65,7 +65,7 @@ from cryptography.hazmat.primitives.asymmetric import padding
 
 import relay_ca
 import relay_files
-from relay_ca import new_rsa_key, private_key_pem  # noqa: F401 (for tests)
+from relay_ca import new_rsa_key, private_key_pem
 
 # ---------------------------------------------------------------------------
 # Wire format
