@@ -468,7 +468,7 @@ class Conversation:
             self.log.write("note", "refusing: %s" % e)
             with contextlib.suppress(PeerGone):
                 self.send("ERROR_S", [("message", str(e), True)])
-            return 1
+            return EXIT_REFUSED
         except relay_ca.AuthorityError as e:
             # the relay's own fault: the client learns why nothing was issued
             self.log.write("note", "cannot issue: %s" % e)
