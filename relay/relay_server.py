@@ -8,6 +8,10 @@ speaks the relay line protocol on its own standard input and output:
   login:    LOGIN_C   -> CHALLENGE_S, CHALLENGE_C -> LOGIN_S, then heartbeats
   upgrade:  UPGRADE_C -> UPGRADE_S (fresh credentials), then a login as above
 
+The credentials are signed by the relay directory's own certificate
+authority (relay_ca.py), so that a GridFTP server on the endpoint and a test
+client can authenticate each other.
+
 Anything the client gets wrong is answered with ERROR_S and the process ends.
 The checks are deliberately strict (key order, canonical URL encoding,
 lower-case hex), so that this server doubles as a conformance check of the
@@ -18,15 +22,27 @@ received and sent is logged to relay.log in the state directory.
 
 State directory layout:
   relay.conf   optional settings, "key = value" lines (see Settings)
-  state.json   setup codes, issued client ids with their public keys
+  state.json   setup codes, issued client ids with their public keys, and a
+               record of the authority
   state.lock   lock file serialising the relay processes that sshd starts
   relay.log    conversation log of all relay processes
+  authority/   the certificate authority and its trust directory
+  endpoints/   per endpoint id: the test user's certificate and key, and the
+               endpoint's certificate
 
 Other modes (not run by sshd):
   --add-code CODE [--add-code CODE ...]   register one-time setup codes
   --generate-code                         register a random code and print it
+  --init-authority                        make the authority unless the
+                                          directory has one; print its paths
+  --show-endpoint ID                      print what a test client of
+                                          endpoint ID needs
   --make-v1-credentials OUTDIR            write an old-style ltacert.pem and
                                           ltakey.pem pair for upgrade tests
+
+Exit status: 0 done; 1 a client refused with ERROR_S, an unknown endpoint
+id, or a bad relay.conf; 2 bad command line; 3 the authority is missing,
+damaged or expired (a client gets ERROR_S saying so).
 """
 
 import argparse
@@ -39,15 +55,17 @@ import re
 import secrets
 import select
 import sys
-import tempfile
 import time
 import uuid
 
 from cryptography import x509
 from cryptography.exceptions import InvalidSignature
 from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import padding, rsa
-from cryptography.x509.oid import NameOID
+from cryptography.hazmat.primitives.asymmetric import padding
+
+import relay_ca
+import relay_files
+from relay_ca import new_rsa_key, private_key_pem
 
 # ---------------------------------------------------------------------------
 # Wire format
@@ -246,18 +264,6 @@ def _now():
         "%Y-%m-%dT%H:%M:%S.%fZ")
 
 
-def _own_like_dir(fd, directory):
-    """Gives a file created by root to the state directory's owner.
-
-    The state directory belongs to the relay account; when root adds codes
-    (or runs the tests), the files it creates must stay usable by the relay
-    processes that sshd starts as that account.
-    """
-    if os.geteuid() == 0:
-        st = os.stat(directory)
-        os.fchown(fd, st.st_uid, st.st_gid)
-
-
 class StateStore:
     """state.json under an exclusive flock on state.lock.
 
@@ -277,7 +283,7 @@ class StateStore:
         fd = os.open(self.lock_path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC,
                      0o600)
         try:
-            _own_like_dir(fd, self.dir)
+            relay_files.own_like_dir(fd, self.dir)
             fcntl.flock(fd, fcntl.LOCK_EX)
             data = self._load()
             before = json.dumps(data, sort_keys=True)
@@ -303,20 +309,8 @@ class StateStore:
         return data
 
     def _save(self, data):
-        fd, tmp = tempfile.mkstemp(dir=self.dir, prefix=".state.",
-                                   suffix=".tmp")
-        try:
-            _own_like_dir(fd, self.dir)
-            with os.fdopen(fd, "w", encoding="utf-8") as f:
-                json.dump(data, f, indent=1, sort_keys=True)
-                f.write("\n")
-                f.flush()
-                os.fsync(f.fileno())
-            os.replace(tmp, self.path)
-        except BaseException:
-            with contextlib.suppress(OSError):
-                os.unlink(tmp)
-            raise
+        relay_files.write_atomically(
+            self.path, json.dumps(data, indent=1, sort_keys=True) + "\n")
 
     def add_codes(self, codes):
         with self.transaction() as data:
@@ -335,7 +329,7 @@ class ConversationLog:
         path = os.path.join(state_dir, "relay.log")
         self.fd = os.open(path, os.O_WRONLY | os.O_APPEND | os.O_CREAT |
                           os.O_CLOEXEC, 0o600)
-        _own_like_dir(self.fd, state_dir)
+        relay_files.own_like_dir(self.fd, state_dir)
         self.pid = os.getpid()
 
     def write(self, tag, text):
@@ -350,55 +344,27 @@ class ConversationLog:
 # Credentials
 
 
-def new_rsa_key():
-    return rsa.generate_private_key(public_exponent=65537, key_size=2048)
-
-
-def private_key_pem(key):
-    """PKCS#1 ("BEGIN RSA PRIVATE KEY"), the form every OpenSSL reads."""
-    return key.private_bytes(serialization.Encoding.PEM,
-                             serialization.PrivateFormat.TraditionalOpenSSL,
-                             serialization.NoEncryption())
-
-
 def public_key_pem(key):
     return key.public_key().public_bytes(
         serialization.Encoding.PEM,
         serialization.PublicFormat.SubjectPublicKeyInfo).decode("ascii")
 
 
-def self_signed_cert(key, common_name, days=365):
-    name = x509.Name([
-        x509.NameAttribute(NameOID.ORGANIZATION_NAME, "Relay Test"),
-        x509.NameAttribute(NameOID.COMMON_NAME, common_name),
-    ])
-    now = datetime.datetime.now(datetime.timezone.utc)
-    cert = (x509.CertificateBuilder()
-            .subject_name(name)
-            .issuer_name(name)
-            .public_key(key.public_key())
-            .serial_number(x509.random_serial_number())
-            .not_valid_before(now - datetime.timedelta(days=1))
-            .not_valid_after(now + datetime.timedelta(days=days))
-            .add_extension(x509.BasicConstraints(ca=False, path_length=None),
-                           critical=True)
-            .sign(key, hashes.SHA256()))
-    return cert.public_bytes(serialization.Encoding.PEM)
-
-
-def issue_credentials():
-    """A fresh client id with client key, GridFTP cert/key and user DN."""
+def issue_credentials(state_dir, authority):
+    """A fresh client id with client key, and the endpoint's credentials
+    signed by `authority`; the test user's are kept in the state directory.
+    """
     client_id = str(uuid.uuid4())
     client_key = new_rsa_key()
-    ftp_key = new_rsa_key()
-    short = client_id.split("-")[0]
+    issued = relay_ca.issue_endpoint_set(authority, client_id)
+    relay_ca.keep_endpoint_set(state_dir, client_id, issued)
     return {
         "id": client_id,
         "client_key": client_key,
         "secret": private_key_pem(client_key),
-        "ftp_cert": self_signed_cert(ftp_key, "Relay Endpoint " + short),
-        "ftp_key": private_key_pem(ftp_key),
-        "ftp_user_dn": "/O=Relay Test/CN=Relay User " + short,
+        "ftp_cert": issued["ftp_cert"],
+        "ftp_key": issued["ftp_key"],
+        "ftp_user_dn": issued["user_dn"],
     }
 
 
@@ -431,18 +397,17 @@ def check_v1_pair(cert_pem, key_pem):
     return cert.fingerprint(hashes.SHA256()).hex()
 
 
-def write_v1_credentials(outdir):
-    """Writes an old-style ltacert.pem/ltakey.pem pair into outdir."""
+def write_v1_credentials(state_dir, outdir):
+    """Writes an old-style ltacert.pem/ltakey.pem pair, signed by the
+    authority of state_dir, into outdir."""
+    with StateStore(state_dir).transaction() as state:
+        authority = relay_ca.open_authority(state_dir, state)
+    cert, key = relay_ca.issue_v1_pair(authority)
     os.makedirs(outdir, exist_ok=True)
-    key = new_rsa_key()
-    files = [("ltacert.pem", self_signed_cert(key, "Old Endpoint"), 0o644),
-             ("ltakey.pem", private_key_pem(key), 0o600)]
-    for name, data, mode in files:
-        path = os.path.join(outdir, name)
-        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, mode)
-        with os.fdopen(fd, "wb") as f:
-            f.write(data)
-        os.chmod(path, mode)
+    relay_files.write_atomically(os.path.join(outdir, "ltacert.pem"), cert,
+                                 0o644)
+    relay_files.write_atomically(os.path.join(outdir, "ltakey.pem"), key,
+                                 0o600)
 
 
 # ---------------------------------------------------------------------------
@@ -479,6 +444,10 @@ class LineReader:
         return line
 
 
+EXIT_REFUSED = 1     # ERROR_S sent to a client; an unknown endpoint id
+EXIT_AUTHORITY = 3   # the authority is missing, damaged or expired
+
+
 class Conversation:
 
     def __init__(self, store, settings, log, infd=0, outfd=1):
@@ -499,7 +468,14 @@ class Conversation:
             self.log.write("note", "refusing: %s" % e)
             with contextlib.suppress(PeerGone):
                 self.send("ERROR_S", [("message", str(e), True)])
-            return 1
+            return EXIT_REFUSED
+        except relay_ca.AuthorityError as e:
+            # the relay's own fault: the client learns why nothing was issued
+            self.log.write("note", "cannot issue: %s" % e)
+            with contextlib.suppress(PeerGone):
+                self.send("ERROR_S", [("message", "relay cannot issue "
+                                       "credentials: %s" % e, True)])
+            return EXIT_AUTHORITY
         except PeerGone:
             self.log.write("note", "client gone")
             return 0
@@ -554,7 +530,7 @@ class Conversation:
                 raise ProtocolError("unknown setup code")
             if entry["used"] is not None:
                 raise ProtocolError("setup code already used")
-            creds = issue_credentials()
+            creds = self._issue(state)
             entry["used"] = {"at": _now(), "id": creds["id"]}
             self._remember(state, creds, "setup", req)
         self.send("SETUP_S", credentials_fields(creds))
@@ -562,7 +538,7 @@ class Conversation:
     def upgrade(self, req):
         fingerprint = check_v1_pair(req["ftp_cert"], req["ftp_key"])
         with self.store.transaction() as state:
-            creds = issue_credentials()
+            creds = self._issue(state)
             self._remember(state, creds, "upgrade", req)
             state["upgrades"].append({"at": _now(), "id": creds["id"],
                                       "v1_cert_sha256": fingerprint})
@@ -603,6 +579,12 @@ class Conversation:
             ("ep_display_name", self.settings["display_name"], True),
             ("web_ux_url", web_url, True)])
 
+    def _issue(self, state):
+        """Fresh credentials; `state` must be held under its lock, which is
+        what makes the authority once if the directory has none yet."""
+        authority = relay_ca.open_authority(self.store.dir, state)
+        return issue_credentials(self.store.dir, authority)
+
     def _remember(self, state, creds, via, req):
         state["clients"][creds["id"]] = {
             "created": _now(),
@@ -635,12 +617,48 @@ class Conversation:
 # ---------------------------------------------------------------------------
 
 
-def main(argv=None):
+def init_authority(state_dir):
+    """The --init-authority mode: what the fixture runs on a new directory.
+    Prints where the authority is."""
+    with StateStore(state_dir).transaction() as state:
+        relay_ca.open_authority(state_dir, state)
+    directory = relay_ca.authority_dir(state_dir)
+    print("authority=%s" % os.path.join(directory, "ca-cert.pem"))
+    print("trust_dir=%s" % relay_ca.trust_dir(state_dir))
+
+
+def show_endpoint(state_dir, endpoint_id):
+    """The --show-endpoint mode: key=value lines for a test client."""
+    for key, value in relay_ca.describe_endpoint(state_dir, endpoint_id):
+        print("%s=%s" % (key, value))
+
+
+def run_admin_mode(args):
+    """The modes that sshd never runs; None if none was asked for."""
+    if args.add_code or args.generate_code:
+        codes = list(args.add_code or [])
+        if args.generate_code:
+            codes.append("code-" + secrets.token_hex(6))
+            print(codes[-1])
+        StateStore(args.state).add_codes(codes)
+    elif args.init_authority:
+        init_authority(args.state)
+    elif args.show_endpoint:
+        show_endpoint(args.state, args.show_endpoint)
+    elif args.make_v1_credentials:
+        write_v1_credentials(args.state, args.make_v1_credentials)
+    else:
+        return None
+    return 0
+
+
+def parse_args(argv):
     p = argparse.ArgumentParser(
         description="Local relay server for the relay tool (run by sshd as "
                     "the forced command of x_relay2).")
-    p.add_argument("--state", required=False,
-                   help="state directory (codes, clients, relay.log)")
+    p.add_argument("--state", required=True,
+                   help="state directory (codes, clients, authority, "
+                        "relay.log)")
     p.add_argument("--heartbeat", type=float,
                    help="seconds between heartbeats after login (0: none)")
     p.add_argument("--display-name", help="ep_display_name sent in LOGIN_S")
@@ -655,24 +673,32 @@ def main(argv=None):
                    help="register a one-time setup code and exit")
     p.add_argument("--generate-code", action="store_true",
                    help="register a random setup code, print it and exit")
+    p.add_argument("--init-authority", action="store_true",
+                   help="make the directory's certificate authority unless "
+                        "it has one, print its paths and exit")
+    p.add_argument("--show-endpoint", metavar="ID",
+                   help="print the test user's certificate and key, the "
+                        "endpoint's subject and the trust directory of "
+                        "endpoint ID, and exit")
     p.add_argument("--make-v1-credentials", metavar="OUTDIR",
-                   help="write an old-style ltacert.pem/ltakey.pem pair "
-                        "and exit")
-    args = p.parse_args(argv)
+                   help="write an old-style ltacert.pem/ltakey.pem pair, "
+                        "signed by the authority, and exit")
+    return p.parse_args(argv)
 
-    if args.make_v1_credentials:
-        write_v1_credentials(args.make_v1_credentials)
-        return 0
-    if not args.state:
-        p.error("--state is required")
-    store = StateStore(args.state)
-    if args.add_code or args.generate_code:
-        codes = list(args.add_code or [])
-        if args.generate_code:
-            codes.append("code-" + secrets.token_hex(6))
-            print(codes[-1])
-        store.add_codes(codes)
-        return 0
+
+def main(argv=None):
+    args = parse_args(argv)
+    args.state = os.path.abspath(args.state)  # printed paths work anywhere
+    try:
+        status = run_admin_mode(args)
+    except relay_ca.AuthorityError as e:
+        print("relay_server: %s" % e, file=sys.stderr)
+        return EXIT_AUTHORITY
+    except LookupError as e:
+        print("relay_server: %s" % e, file=sys.stderr)
+        return EXIT_REFUSED
+    if status is not None:
+        return status
 
     settings = load_settings(args.state, {
         "heartbeat": args.heartbeat, "display_name": args.display_name,
@@ -680,7 +706,7 @@ def main(argv=None):
         "challenge": args.challenge})
     log = ConversationLog(args.state)
     try:
-        return Conversation(store, settings, log).run()
+        return Conversation(StateStore(args.state), settings, log).run()
     except Exception as e:  # keep the reason in the log, not on stdout
         log.write("note", "crashed: %r" % e)
         raise

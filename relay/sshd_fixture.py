@@ -17,6 +17,8 @@ From the command line:
 
     sshd_fixture.py start --dir D [--host-key F] [--anon-key F] [--heartbeat N]
     sshd_fixture.py add-code --dir D CODE
+    sshd_fixture.py client-credentials --dir D ID
+    sshd_fixture.py make-v1-credentials --dir D OUTDIR
     sshd_fixture.py stop --dir D
 
 Layout of the fixture directory:
@@ -26,8 +28,12 @@ Layout of the fixture directory:
     anon_key                          0600 copy of the anonymous key
     authorized_keys                   its public half (root, 0644)
     known_hosts                       "127.0.0.1 <host key>" for clients
-    relay_server.py                   copy of the relay run by sshd
-    state/                            relay state dir, owned by x_relay2
+    relay_server.py, relay_ca.py,     copy of the relay run by sshd
+    relay_files.py
+    state/                            relay state dir, owned by x_relay2;
+                                      state/authority is the relay's
+                                      certificate authority, made at the
+                                      first start of the directory
     fixture.json                      pid and port, for "stop"
 """
 
@@ -53,6 +59,8 @@ RELAY_USER = "x_relay2"
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(HERE)
 RELAY_SERVER = os.path.join(HERE, "relay_server.py")
+# what sshd runs: the relay and the modules it imports
+RELAY_FILES = ("relay_server.py", "relay_ca.py", "relay_files.py")
 DEFAULT_HOST_KEY = os.path.join(REPO, "tests", "keys", "relay_host_rsa")
 DEFAULT_ANON_KEY = os.path.join(REPO, "tests", "keys", "anonymous.key")
 
@@ -253,6 +261,7 @@ class RelayFixture:
             self.relay_options += ["--heartbeat", str(heartbeat)]
         self.requested_port = port
         self.port = None
+        self.authority = {}  # authority=, trust_dir= of the relay, by start()
         self.pid = None
         self._proc = None
         self._own_dir = False
@@ -363,14 +372,19 @@ class RelayFixture:
         _write(self.path("authorized_keys"),
                _public_key(self.path("anon_key")) + "\n", 0o644)
 
-        shutil.copyfile(RELAY_SERVER, self.path("relay_server.py"))
-        os.chmod(self.path("relay_server.py"), 0o644)
+        for name in RELAY_FILES:
+            shutil.copyfile(os.path.join(HERE, name), self.path(name))
+            os.chmod(self.path(name), 0o644)
 
         os.makedirs(self.state_dir, exist_ok=True)
         os.chmod(self.state_dir, 0o700)
         for root, dirs, files in os.walk(self.state_dir):
             for name in [root] + [os.path.join(root, n) for n in files]:
                 os.chown(name, account.pw_uid, account.pw_gid)
+        # made here, not by the first setup, so that a new directory's
+        # trust directory is there before any endpoint; an existing
+        # directory keeps its authority (the relay never makes a second)
+        self.authority = dict(self._relay_admin("--init-authority"))
 
         command = [PYTHON, self.path("relay_server.py"), "--state",
                    self.state_dir] + self.relay_options
@@ -438,8 +452,31 @@ class RelayFixture:
     def relay_command(self, *options):
         return [PYTHON, RELAY_SERVER, "--state", self.state_dir] + list(options)
 
+    def _relay_admin(self, *options):
+        """Runs the relay in one of its administrative modes; returns the
+        (key, value) pairs of its key=value output lines."""
+        try:
+            out = _run(self.relay_command(*options)).stdout
+        except subprocess.CalledProcessError as e:
+            raise FixtureError(e.stderr.strip() or str(e))
+        return [tuple(line.split("=", 1)) for line in out.splitlines()
+                if "=" in line]
+
     def add_code(self, code):
-        _run(self.relay_command("--add-code", code))
+        self._relay_admin("--add-code", code)
+
+    def client_credentials(self, endpoint_id):
+        """What a test client of the endpoint needs, as a dict: user_cert,
+        user_key (its key, PEM), user_dn (its subject, as in gridmap),
+        endpoint_cert, endpoint_subject, trust_dir (the authority in
+        OpenSSL's hashed layout, for -CApath) and ca_bundle (for -CAfile).
+        """
+        return dict(self._relay_admin("--show-endpoint", endpoint_id))
+
+    def make_v1_credentials(self, outdir):
+        """Writes an old-style ltacert.pem/ltakey.pem pair signed by the
+        relay's authority into outdir, for upgrade tests."""
+        self._relay_admin("--make-v1-credentials", outdir)
 
     def state(self):
         with open(os.path.join(self.state_dir, "state.json")) as f:
@@ -514,6 +551,18 @@ def main(argv=None):
     code = sub.add_parser("add-code", help="register a setup code")
     code.add_argument("--dir", required=True)
     code.add_argument("code")
+    creds = sub.add_parser(
+        "client-credentials",
+        help="print the test user's certificate and key, the endpoint's "
+             "subject and the trust directory for endpoint ID")
+    creds.add_argument("--dir", required=True)
+    creds.add_argument("id")
+    v1 = sub.add_parser(
+        "make-v1-credentials",
+        help="write an old-style ltacert.pem/ltakey.pem pair, signed by the "
+             "relay's authority, into OUTDIR (for upgrade tests)")
+    v1.add_argument("--dir", required=True)
+    v1.add_argument("outdir")
     args = p.parse_args(argv)
 
     fixture = RelayFixture(os.path.abspath(args.dir),
@@ -531,8 +580,15 @@ def main(argv=None):
             print("state=%s" % fixture.state_dir)
             print("known_hosts=%s" % fixture.known_hosts)
             print("identity=%s" % fixture.path("anon_key"))
+            for key, value in fixture.authority.items():
+                print("%s=%s" % (key, value))
         elif args.cmd == "stop":
             fixture.stop()
+        elif args.cmd == "client-credentials":
+            for key, value in fixture.client_credentials(args.id).items():
+                print("%s=%s" % (key, value))
+        elif args.cmd == "make-v1-credentials":
+            fixture.make_v1_credentials(os.path.abspath(args.outdir))
         else:
             fixture.add_code(args.code)
     except (FixtureError, subprocess.CalledProcessError) as e:

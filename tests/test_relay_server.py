@@ -30,7 +30,9 @@ def sign(key_pem, challenge):
                     hashes.SHA256()).hex()
 
 
-class ProtocolTests(unittest.TestCase):
+class RelayOnPipes:
+    """Helpers for tests that talk to relays on pipes in a fresh state
+    directory of their own (a unittest.TestCase mixin)."""
 
     def setUp(self):
         self.state = self.enterContext(tempfile.TemporaryDirectory())
@@ -63,11 +65,11 @@ class ProtocolTests(unittest.TestCase):
         self.assertEqual(fields.get("msg"), msg, line[:300])
         return fields
 
-    def assertRefused(self, r, fragment):
+    def assertRefused(self, r, fragment, status=1):
         self.assertIn(fragment, dec(self.record(r, "ERROR_S")["message"])
                       .decode())
         self.assertIsNone(self.recv(r), "relay kept talking after ERROR_S")
-        self.assertEqual(r.wait(20), 1)
+        self.assertEqual(r.wait(20), status)
 
     def add_code(self, code):
         subprocess.run(self.command("--add-code", code), check=True)
@@ -76,12 +78,21 @@ class ProtocolTests(unittest.TestCase):
         with open(os.path.join(self.state, name), "rb") as f:
             return json.loads(f.read()) if name.endswith(".json") else f.read()
 
-    def credentials(self):
-        self.add_code("code-1")
-        r = self.relay(send="msg=SETUP_C code=code-1 " + VERSION)
+    def setup_reply(self, code="code-1"):
+        """The SETUP_S fields of a setup with a new code, values decoded."""
+        self.add_code(code)
+        r = self.relay(send="msg=SETUP_C code=%s %s" % (code, VERSION))
         creds = self.record(r, "SETUP_S")
         self.assertEqual(r.wait(20), 0)
-        return creds["id"], dec(creds["secret"])
+        return {k: v if k in ("msg", "id") else dec(v)
+                for k, v in creds.items()}
+
+    def credentials(self):
+        creds = self.setup_reply()
+        return creds["id"], creds["secret"]
+
+
+class ProtocolTests(RelayOnPipes, unittest.TestCase):
 
     def test_setup_codes_are_used_once_even_by_concurrent_relays(self):
         writers = [subprocess.Popen(self.command("--add-code", "c%d" % i))
@@ -128,7 +139,7 @@ class ProtocolTests(unittest.TestCase):
                 self.assertRefused(r, "after login")
 
     def test_upgrade_refusals(self):
-        relay_server.write_v1_credentials(self.state)
+        relay_server.write_v1_credentials(self.state, self.state)
         cert, key = map(self.read, ("ltacert.pem", "ltakey.pem"))
         other = relay_server.private_key_pem(relay_server.new_rsa_key())
 
@@ -136,7 +147,7 @@ class ProtocolTests(unittest.TestCase):
             return self.relay(send="msg=UPGRADE_C ftp_cert=%s ftp_key=%s %s"
                               % (enc(c), enc(k), VERSION))
         self.assertRefused(upgrade(cert, other), "does not belong")
-        self.assertNotIn("state.json", os.listdir(self.state))
+        self.assertEqual(self.read()["clients"], {})
         # the login after UPGRADE_S must use the id just issued
         old_id, _ = self.credentials()
         r = upgrade(cert, key)

@@ -325,7 +325,7 @@ class EndToEndTests(unittest.TestCase):
 
     def test_upgrade_of_old_credentials_then_login(self):
         ep = Endpoint(self, self.fixture)
-        relay_server.write_v1_credentials(ep.config_dir)
+        self.fixture.make_v1_credentials(ep.config_dir)
         run, _, _ = self.login(ep)
         log = run.lines("err")
         self.assertLess(log.index("Trying to upgrade to V2 creds"),
