@@ -13,7 +13,7 @@ namespace endpoint {
 
 class Backoff {
 public:
-    static constexpr double kStableSeconds = 60;  // a connection this long resets
+    static constexpr double kStableSeconds = 60;    // a connection this long resets
     static constexpr double kLimitSeconds = 86400;  // largest MIN or MAX accepted
 
     Backoff(double min_seconds, double max_seconds);

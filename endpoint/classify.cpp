@@ -44,41 +44,41 @@ size_t rank(FailureClass cls) {
 enum class Source { Tool, Ssh };
 
 struct Rule {
-    Source source;
     const char* text;  // matched anywhere in the line (after the ssh prefix)
+    Source source;
     FailureClass cls;
 };
 
 // The tool's own words, and the OpenSSH client's.
 const Rule kRules[] = {
-    {Source::Tool, "failed precondition '", FailureClass::Internal},
-    {Source::Tool, "Env var '", FailureClass::Setting},
-    {Source::Tool, "Fatal Error: No HVN credentials found", FailureClass::NoCredentials},
-    {Source::Tool, "Fatal Error: Couldn't open for reading '", FailureClass::Files},
-    {Source::Tool, "Fatal Error: Couldn't open for writing '", FailureClass::Files},
-    {Source::Tool, "Fatal Error: Couldn't read '", FailureClass::Files},
-    {Source::Tool, "Fatal Error: Couldn't write '", FailureClass::Files},
-    {Source::Tool, "Fatal Error: Couldn't close '", FailureClass::Files},
-    {Source::Tool, "Relay server error: ", FailureClass::RelayError},
-    {Source::Tool, "Fatal Error: Unexpected server message", FailureClass::Protocol},
-    {Source::Tool, "Fatal Error: Key '", FailureClass::Protocol},
-    {Source::Tool, "Fatal Error: bad server message", FailureClass::Protocol},
-    {Source::Tool, "Fatal Posix Error: ", FailureClass::SystemCall},
-    {Source::Ssh, "Host key verification failed", FailureClass::HostKey},
-    {Source::Ssh, "REMOTE HOST IDENTIFICATION HAS CHANGED", FailureClass::HostKey},
-    {Source::Ssh, "host key is known for", FailureClass::HostKey},  // "No RSA host key ..."
-    {Source::Ssh, "Permission denied (", FailureClass::AccountRefused},
-    {Source::Ssh, "pdeath: cannot execute '", FailureClass::Setting},
-    {Source::Ssh, "Load key ", FailureClass::Files},
-    {Source::Ssh, "ssh: connect to host ", FailureClass::RelayUnreachable},
-    {Source::Ssh, "ssh: Could not resolve hostname ", FailureClass::RelayUnreachable},
-    {Source::Ssh, "kex_exchange_identification: ", FailureClass::RelayUnreachable},
-    {Source::Ssh, "Connection closed by ", FailureClass::RelayUnreachable},
-    {Source::Ssh, "Connection reset by ", FailureClass::RelayUnreachable},
-    {Source::Ssh, " closed by remote host", FailureClass::ConnectionLost},
-    {Source::Ssh, "Timeout, server ", FailureClass::ConnectionLost},
-    {Source::Ssh, "client_loop: send disconnect", FailureClass::ConnectionLost},
-    {Source::Ssh, "Broken pipe", FailureClass::ConnectionLost},
+    {"failed precondition '", Source::Tool, FailureClass::Internal},
+    {"Env var '", Source::Tool, FailureClass::Setting},
+    {"Fatal Error: No HVN credentials found", Source::Tool, FailureClass::NoCredentials},
+    {"Fatal Error: Couldn't open for reading '", Source::Tool, FailureClass::Files},
+    {"Fatal Error: Couldn't open for writing '", Source::Tool, FailureClass::Files},
+    {"Fatal Error: Couldn't read '", Source::Tool, FailureClass::Files},
+    {"Fatal Error: Couldn't write '", Source::Tool, FailureClass::Files},
+    {"Fatal Error: Couldn't close '", Source::Tool, FailureClass::Files},
+    {"Relay server error: ", Source::Tool, FailureClass::RelayError},
+    {"Fatal Error: Unexpected server message", Source::Tool, FailureClass::Protocol},
+    {"Fatal Error: Key '", Source::Tool, FailureClass::Protocol},
+    {"Fatal Error: bad server message", Source::Tool, FailureClass::Protocol},
+    {"Fatal Posix Error: ", Source::Tool, FailureClass::SystemCall},
+    {"Host key verification failed", Source::Ssh, FailureClass::HostKey},
+    {"REMOTE HOST IDENTIFICATION HAS CHANGED", Source::Ssh, FailureClass::HostKey},
+    {"host key is known for", Source::Ssh, FailureClass::HostKey},  // "No RSA host key ..."
+    {"Permission denied (", Source::Ssh, FailureClass::AccountRefused},
+    {"pdeath: cannot execute '", Source::Ssh, FailureClass::Setting},
+    {"Load key ", Source::Ssh, FailureClass::Files},
+    {"ssh: connect to host ", Source::Ssh, FailureClass::RelayUnreachable},
+    {"ssh: Could not resolve hostname ", Source::Ssh, FailureClass::RelayUnreachable},
+    {"kex_exchange_identification: ", Source::Ssh, FailureClass::RelayUnreachable},
+    {"Connection closed by ", Source::Ssh, FailureClass::RelayUnreachable},
+    {"Connection reset by ", Source::Ssh, FailureClass::RelayUnreachable},
+    {" closed by remote host", Source::Ssh, FailureClass::ConnectionLost},
+    {"Timeout, server ", Source::Ssh, FailureClass::ConnectionLost},
+    {"client_loop: send disconnect", Source::Ssh, FailureClass::ConnectionLost},
+    {"Broken pipe", Source::Ssh, FailureClass::ConnectionLost},
 };
 
 const char kSshPrefix[] = "[ssh stderr] ";

@@ -132,8 +132,7 @@ bool parse_env_file(const std::string& text, Assignments& out, EnvFileError& err
         while (!in.done() && is_key_char(in.peek())) key += in.take();
         in.skip_blanks();
         if (in.done() || in.peek() != '=') {
-            return fail(error, line,
-                        "expected KEY=VALUE (keys are letters, digits and '_')");
+            return fail(error, line, "expected KEY=VALUE (keys are letters, digits and '_')");
         }
         in.take();
         in.skip_blanks();

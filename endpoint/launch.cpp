@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <utility>
 #include <vector>
 
 namespace endpoint {
@@ -57,13 +58,19 @@ int spawn_tool(const std::string& path, const EnvMap& env, ToolProcess& out) {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setpgroup(&attr, 0);
-    posix_spawnattr_setflags(&attr,
-                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(
+        &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> entries;
     entries.reserve(env.size());
-    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
+    for (const auto& [key, value] : env) {
+        std::string entry = key;
+        entry += '=';
+        entry += value;
+        entries.push_back(std::move(entry));
+    }
     std::vector<char*> envp;
+    envp.reserve(entries.size() + 1);
     for (std::string& entry : entries) envp.push_back(&entry[0]);
     envp.push_back(nullptr);
     std::string argv0 = "relaytool";

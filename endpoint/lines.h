@@ -10,7 +10,7 @@ class LineSplitter {
 public:
     // A line longer than this is passed on in pieces of this size, so that
     // a child writing without line ends cannot make us hold unbounded text.
-    static constexpr size_t kMaxLine = 64 * 1024;
+    static constexpr size_t kMaxLine = 65536;
 
     // The lines completed by this chunk, without their "\n" (or "\r\n").
     std::vector<std::string> feed(const std::string& chunk);

@@ -26,9 +26,9 @@ namespace {
 
 using namespace endpoint;
 
-constexpr int kUsageStatus = 2;      // bad command line, file or setting
-constexpr int kOwnFailure = 1;       // a system call of our own failed
-constexpr int kAlreadyRunning = 4;   // another supervisor has the directory
+constexpr int kUsageStatus = 2;     // bad command line, file or setting
+constexpr int kOwnFailure = 1;      // a system call of our own failed
+constexpr int kAlreadyRunning = 4;  // another supervisor has the directory
 
 // Descriptors 0 to 2 must be open, or the pipes made for the tool could
 // land on them.
@@ -107,11 +107,13 @@ int main(int argc, char** argv) {
     pid_t holder = 0;
     int err = 0;
     switch (take_config_lock(settings.config_dir, holder, err)) {
-        case LockResult::Taken: break;
+        case LockResult::Taken:
+            break;
         case LockResult::Held:
-            return fail(kAlreadyRunning,
-                        hvlib::str_sprintf("another relaytool-endpoint (pid %ld) already runs for %s",
-                                           static_cast<long>(holder), settings.config_dir.c_str()));
+            return fail(
+                kAlreadyRunning,
+                hvlib::str_sprintf("another relaytool-endpoint (pid %ld) already runs for %s",
+                                   static_cast<long>(holder), settings.config_dir.c_str()));
         case LockResult::Failed:
             return fail(kOwnFailure, hvlib::str_sprintf("cannot lock %s/endpoint.lock: %s",
                                                         settings.config_dir.c_str(),
@@ -119,8 +121,8 @@ int main(int argc, char** argv) {
     }
     int signal_fd = install_signal_pipe();
     if (signal_fd == -1) {
-        return fail(kOwnFailure, "cannot set up signal handling: " +
-                                     hvlib::get_strerror_string(errno));
+        return fail(kOwnFailure,
+                    "cannot set up signal handling: " + hvlib::get_strerror_string(errno));
     }
     if (cli.command == Command::Setup) return run_setup(settings, cli.code, signal_fd);
     return run_supervisor(settings, signal_fd);

@@ -29,12 +29,11 @@ void StateRecorder::record(EndpointState& state) {
     // endpoint, so a failure is reported once and the work goes on.
     int err = hvlib::replace_file_atomically(m_path, to_json(state));
     if (err != 0 && !m_write_failed) {
-        fprintf(stderr, "relaytool-endpoint: cannot write the state file %s: %s\n",
-                m_path.c_str(), hvlib::get_strerror_string(err).c_str());
+        fprintf(stderr, "relaytool-endpoint: cannot write the state file %s: %s\n", m_path.c_str(),
+                hvlib::get_strerror_string(err).c_str());
     }
     if (err == 0 && m_write_failed) {
-        fprintf(stderr, "relaytool-endpoint: the state file %s is written again\n",
-                m_path.c_str());
+        fprintf(stderr, "relaytool-endpoint: the state file %s is written again\n", m_path.c_str());
     }
     m_write_failed = err != 0;
 

@@ -26,9 +26,9 @@ namespace {
 // variables would make the tool's children talk to the service manager, and
 // the mode switches would turn a login into a setup or a self-check.
 const char* const kNotForTheTool[] = {
-    "NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC", "LISTEN_PID",       "LISTEN_FDS",
-    "LISTEN_FDNAMES", "HVN_SETUP_CODE", "HVN_RELAYTOOL_TEST", "RELAYTOOL_PATH",
-    "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
+    "NOTIFY_SOCKET",  "WATCHDOG_PID",          "WATCHDOG_USEC",         "LISTEN_PID",
+    "LISTEN_FDS",     "LISTEN_FDNAMES",        "HVN_SETUP_CODE",        "HVN_RELAYTOOL_TEST",
+    "RELAYTOOL_PATH", "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
 };
 
 std::string value_of(const EnvMap& env, const std::string& name) {
@@ -165,8 +165,8 @@ bool parse_seconds(const std::string& text, double& seconds) {
            seconds <= Backoff::kLimitSeconds;
 }
 
-bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts,
-                      Settings& out, SettingProblem& problem) {
+bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
+                      SettingProblem& problem) {
     EnvMap tool = env;
     auto fill = [&tool](const std::string& name, const std::string& fallback) {
         if (value_of(tool, name).empty()) tool[name] = fallback;
@@ -226,9 +226,9 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         for (const auto& [name, bound] : bounds) {
             std::string text = value_of(env, name);
             if (!text.empty() && !parse_seconds(text, *bound)) {
-                return problem_with(problem, name,
-                                    "'" + text +
-                                        "' is not a number of seconds above 0 and at most 86400");
+                return problem_with(
+                    problem, name,
+                    "'" + text + "' is not a number of seconds above 0 and at most 86400");
             }
         }
         if (out.backoff_min > out.backoff_max) {
@@ -241,8 +241,7 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
     return true;
 }
 
-bool check_settings_on_system(const Settings& settings, Command command,
-                              SettingProblem& problem) {
+bool check_settings_on_system(const Settings& settings, Command command, SettingProblem& problem) {
     if (command == Command::Status) return true;
     const EnvMap& env = settings.tool_env;
     if (!check_program("RELAYTOOL_PATH", settings.tool_path, problem)) return false;
@@ -266,9 +265,9 @@ bool check_settings_on_system(const Settings& settings, Command command,
         return problem_with(problem, "HVN_CONFIG_DIR", dir + " is not a writable directory");
     }
     if (command == Command::Run && !hvlib::file_readable(dir + "/gridftp.conf")) {
-        return problem_with(problem, "HVN_CONFIG_DIR",
-                            "no readable gridftp.conf (the GridFTP server's configuration) in " +
-                                dir);
+        return problem_with(
+            problem, "HVN_CONFIG_DIR",
+            "no readable gridftp.conf (the GridFTP server's configuration) in " + dir);
     }
     return true;
 }

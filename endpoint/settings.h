@@ -44,13 +44,12 @@ struct SettingProblem {
 };
 
 // Fills in the defaults and checks the form of every value; touches nothing.
-bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts,
-                      Settings& out, SettingProblem& problem);
+bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
+                      SettingProblem& problem);
 
 // Checks that the programs, the anonymous key and the configuration
 // directory are usable, creating the directory (mode 0700) if it is missing.
-bool check_settings_on_system(const Settings& settings, Command command,
-                              SettingProblem& problem);
+bool check_settings_on_system(const Settings& settings, Command command, SettingProblem& problem);
 
 // "host" or "host:port" with a port from 1 to 65535; false if malformed.
 bool parse_relay_server(const std::string& value, std::string& host, int& port);

@@ -9,14 +9,22 @@ namespace endpoint {
 
 const char* phase_name(Phase phase) {
     switch (phase) {
-        case Phase::Starting: return "starting";
-        case Phase::Connected: return "connected";
-        case Phase::Idle: return "idle";
-        case Phase::Active: return "active";
-        case Phase::Paused: return "paused";
-        case Phase::Waiting: return "waiting";
-        case Phase::Stopping: return "stopping";
-        case Phase::Stopped: return "stopped";
+        case Phase::Starting:
+            return "starting";
+        case Phase::Connected:
+            return "connected";
+        case Phase::Idle:
+            return "idle";
+        case Phase::Active:
+            return "active";
+        case Phase::Paused:
+            return "paused";
+        case Phase::Waiting:
+            return "waiting";
+        case Phase::Stopping:
+            return "stopping";
+        case Phase::Stopped:
+            return "stopped";
     }
     hvlib::precondition_failed("phase is known", "endpoint/state", __LINE__);
 }
@@ -34,15 +42,18 @@ std::string iso_time(WallClock::time_point t) {
 std::string describe(const EndpointState& s) {
     switch (s.phase) {
         case Phase::Starting:
-            if (s.restarts == 0) return hvlib::str_sprintf("starting the tool (pid %ld)", s.tool_pid);
+            if (s.restarts == 0)
+                return hvlib::str_sprintf("starting the tool (pid %ld)", s.tool_pid);
             return hvlib::str_sprintf("starting the tool again (restart %d, pid %ld)", s.restarts,
                                       s.tool_pid);
         case Phase::Connected:
             return "connected to the relay as " + s.display_name + " (" + s.web_url + ")";
-        case Phase::Idle: return "idle";
+        case Phase::Idle:
+            return "idle";
         case Phase::Active:
             return hvlib::str_sprintf("active, %d worker%s", s.workers, s.workers == 1 ? "" : "s");
-        case Phase::Paused: return "paused";
+        case Phase::Paused:
+            return "paused";
         case Phase::Waiting: {
             std::string text = hvlib::str_sprintf("waiting to reconnect at %s (in %.1f s)",
                                                   iso_time(s.next_attempt).c_str(), s.delay);
@@ -52,8 +63,10 @@ std::string describe(const EndpointState& s) {
             }
             return text;
         }
-        case Phase::Stopping: return "stopping: " + s.reason;
-        case Phase::Stopped: return "stopped: " + s.reason;
+        case Phase::Stopping:
+            return "stopping: " + s.reason;
+        case Phase::Stopped:
+            return "stopped: " + s.reason;
     }
     hvlib::precondition_failed("phase is known", "endpoint/state", __LINE__);
 }

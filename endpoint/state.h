@@ -29,11 +29,11 @@ struct EndpointState {
     FailureRecord last_failure;
     bool has_next_attempt = false;  // while waiting
     WallClock::time_point next_attempt;
-    double delay = 0;         // the back-off in force while waiting, seconds
-    std::string reason;       // why it stops or stopped
-    int exit_status = -1;     // once stopped: relaytool-endpoint's own exit status
-    long pid = 0;             // relaytool-endpoint's
-    long tool_pid = 0;        // the tool's, while one runs
+    double delay = 0;          // the back-off in force while waiting, seconds
+    std::string reason;        // why it stops or stopped
+    int exit_status = -1;      // once stopped: relaytool-endpoint's own exit status
+    long pid = 0;              // relaytool-endpoint's
+    long tool_pid = 0;         // the tool's, while one runs
     std::string display_name;  // the endpoint as the relay names it, decoded
     std::string web_url;
     std::string config_dir;

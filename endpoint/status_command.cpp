@@ -83,7 +83,8 @@ void print_for_a_person(const json& state) {
         description = phase + ": " + text_of(state, "reason");
     }
     printf("state:         %s\n", description.empty() ? phase.c_str() : description.c_str());
-    if (!text_of(state, "since").empty()) printf("since:         %s\n", text_of(state, "since").c_str());
+    if (!text_of(state, "since").empty())
+        printf("since:         %s\n", text_of(state, "since").c_str());
     if (!text_of(state, "display_name").empty()) {
         printf("endpoint:      %s (%s)\n", text_of(state, "display_name").c_str(),
                text_of(state, "web_url").c_str());

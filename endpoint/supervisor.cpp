@@ -14,9 +14,9 @@
 #include "classify.h"
 #include "diag.h"
 #include "keyvalues.h"
+#include "launch.h"
 #include "recorder.h"
 #include "signals.h"
-#include "launch.h"
 #include "state.h"
 #include "strutil.h"
 #include "toolrun.h"
@@ -25,10 +25,14 @@ namespace endpoint {
 
 const char* signal_name(int sig) {
     switch (sig) {
-        case SIGTERM: return "SIGTERM";
-        case SIGINT: return "SIGINT";
-        case SIGHUP: return "SIGHUP";
-        default: return "a signal";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGINT:
+            return "SIGINT";
+        case SIGHUP:
+            return "SIGHUP";
+        default:
+            return "a signal";
     }
 }
 
@@ -118,14 +122,15 @@ private:
         };
         handlers.stop_requested = [this](int sig) {
             m_state.phase = Phase::Stopping;
-            m_state.reason = hvlib::str_sprintf(
-                "%s received; closing the tool's standard input", signal_name(sig));
+            m_state.reason = hvlib::str_sprintf("%s received; closing the tool's standard input",
+                                                signal_name(sig));
             m_recorder.record(m_state);
         };
         ToolRunOutcome outcome = ToolRun(m_signal_fd, tool, handlers).wait();
         if (outcome.stop_signal != 0) return outcome.stop_signal;
 
-        double connected_seconds = connected_at < 0 ? 0 : (now_ms() - connected_at) / 1000.0;
+        double connected_seconds =
+            connected_at < 0 ? 0 : static_cast<double>(now_ms() - connected_at) / 1000;
         m_backoff.connection_lasted(connected_seconds);
         failure = classifier.finish(outcome.end, connected_at >= 0);
         return 0;

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "classify.h"
-#include "lines.h"
 #include "launch.h"
+#include "lines.h"
 
 namespace endpoint {
 
@@ -50,7 +50,7 @@ private:
     ToolRunOutcome m_outcome;
     bool m_reaped = false;
     bool m_killed = false;
-    long long m_kill_at = 0;     // monotonic ms, while stopping
+    long long m_kill_at = 0;      // monotonic ms, while stopping
     long long m_drain_until = 0;  // monotonic ms, once reaped
 };
 

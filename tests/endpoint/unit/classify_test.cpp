@@ -46,12 +46,14 @@ TEST(Classify, TheToolsAndSshsWordsGiveTheirClass) {
          "checking.",
          "host-key"},
         {"[ssh stderr] x_relay2@127.0.0.1: Permission denied (publickey).", "account-refused"},
-        {"[ssh stderr] ssh: connect to host relay port 2223: Connection refused", "relay-unreachable"},
+        {"[ssh stderr] ssh: connect to host relay port 2223: Connection refused",
+         "relay-unreachable"},
         {"[ssh stderr] ssh: Could not resolve hostname relay: Name or service not known",
          "relay-unreachable"},
         {"[ssh stderr] Connection to 127.0.0.1 closed by remote host.", "connection-lost"},
         {"[ssh stderr] Timeout, server relay not responding.", "connection-lost"},
-        {"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file or directory", "setting"},
+        {"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file or directory",
+         "setting"},
     };
     for (const Case& c : cases) {
         Failure f = run({c.line});
@@ -84,9 +86,9 @@ TEST(Classify, TheCauseWinsOverItsConsequences) {
 
 TEST(Classify, ExitStatusSignalAndLoginDecideWhereLinesDoNot) {
     EXPECT_STREQ(name(run({}, ToolEnd{false, 2})), "setting");
-    EXPECT_STREQ(name(run({"[ssh stderr] Connection to x closed by remote host."},
-                          ToolEnd{false, 2})),
-                 "setting");
+    EXPECT_STREQ(
+        name(run({"[ssh stderr] Connection to x closed by remote host."}, ToolEnd{false, 2})),
+        "setting");
     EXPECT_STREQ(name(run({}, ToolEnd{true, SIGKILL})), "signal");
     EXPECT_STREQ(name(run({"Relay server error: x"}, ToolEnd{true, SIGTERM})), "signal");
     EXPECT_STREQ(name(run({"src/posix:45: failed precondition 'fd >= 0'"}, ToolEnd{true, SIGABRT})),
@@ -102,8 +104,8 @@ TEST(Classify, ExitStatusSignalAndLoginDecideWhereLinesDoNot) {
 }
 
 TEST(Classify, EachClassHasItsOwnStatusAndTheDocumentedDecision) {
-    const std::set<std::string> stop = {"setting",         "no-credentials", "relay-error",
-                                        "host-key",        "account-refused", "files",
+    const std::set<std::string> stop = {"setting",  "no-credentials",  "relay-error",
+                                        "host-key", "account-refused", "files",
                                         "internal"};
     std::set<int> statuses;
     for (int i = 0; i <= static_cast<int>(FailureClass::Internal); ++i) {

@@ -6,8 +6,8 @@
 
 using endpoint::Command;
 using endpoint::EnvMap;
-using endpoint::Settings;
 using endpoint::SettingProblem;
+using endpoint::Settings;
 using endpoint::SystemFacts;
 
 namespace {
@@ -121,7 +121,8 @@ TEST(Settings, MissingOrMalformedValuesAreNamed) {
     for (const char* port : {"x", "-2", "65536", "1.5", "--1"}) {
         EXPECT_EQ(problem_of(with(minimal(), "HVN_FTP_PORT", port)), "HVN_FTP_PORT") << port;
     }
-    for (const char* seconds : {"0", "-1", "abc", "1e3", "nan", "inf", "86401", "1.2.3", ".", " 1"}) {
+    for (const char* seconds :
+         {"0", "-1", "abc", "1e3", "nan", "inf", "86401", "1.2.3", ".", " 1"}) {
         EXPECT_EQ(problem_of(with(minimal(), "RELAYTOOL_BACKOFF_MAX", seconds)),
                   "RELAYTOOL_BACKOFF_MAX")
             << seconds;
