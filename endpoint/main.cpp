@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (cli.version) {
-        printf("relaytool-endpoint %s\n", RELAYTOOL_ENDPOINT_VERSION);
+        printf("relaytool-endpoint (relaytool) %s\n", RELAYTOOL_ENDPOINT_VERSION);
         return 0;
     }
 
