@@ -130,6 +130,9 @@ class Supervision(unittest.TestCase):
         with open(env_file, "w") as f:
             f.write("# the file wins over the environment\n"
                     "HVN_USER=\"file user\"\nHVN_PROTOCOL_VERSION=2\n")
+        rc, status = ws.status()  # nothing has run here yet
+        self.assertEqual((rc, status["state"], status["running"], status["restarts"]),
+                         (3, "stopped", False, 0), status)
         notify = NotifySocket(self, ws.root)
         env = ws.env(HVN_USER="environment user", NOTIFY_SOCKET=notify.path,
                      HVN_SETUP_CODE="must not reach the tool")
@@ -164,11 +167,13 @@ class Supervision(unittest.TestCase):
         self.assertIn("relaytool-endpoint is running (pid %d)" % run.pid, out)
         self.assertIn("state:         idle", out)
 
-        # a second supervisor for the same directory refuses to start
-        rc, _, err = ws.command("run", env=env)
-        self.assertEqual(rc, 4, err)
-        self.assertIn("another relaytool-endpoint (pid %d) already runs for %s"
-                      % (run.pid, ws.config_dir), err)
+        # a second supervisor for the same directory refuses to start, and so
+        # does a setup that would rewrite the credentials under it
+        for args in (["run"], ["setup", "CODE-2"]):
+            rc, _, err = ws.command(*args, env=env)
+            self.assertEqual(rc, 4, err)
+            self.assertIn("another relaytool-endpoint (pid %d) already runs for %s"
+                          % (run.pid, ws.config_dir), err)
 
         run.send_signal(signal.SIGTERM)
         self.assertEqual(run.wait_exit(), 0, run.report())
