@@ -65,8 +65,7 @@ void ToolRun::reap() {
 
 void ToolRun::read_from(int& fd, const std::function<void(const std::string&)>& handler,
                         LineSplitter& lines) {
-    std::vector<char> buffer(65536);
-    ssize_t n = read(fd, buffer.data(), buffer.size());
+    ssize_t n = read(fd, m_buffer.data(), m_buffer.size());
     if (n == -1 && (errno == EAGAIN || errno == EINTR)) return;
     std::vector<std::string> complete;
     if (n <= 0) {  // end of file, or a read error that no retry would mend
@@ -74,7 +73,7 @@ void ToolRun::read_from(int& fd, const std::function<void(const std::string&)>& 
         fd = -1;
         complete = lines.finish();
     } else {
-        complete = lines.feed(std::string(buffer.data(), static_cast<size_t>(n)));
+        complete = lines.feed(std::string(m_buffer.data(), static_cast<size_t>(n)));
     }
     for (const std::string& line : complete) handler(line);
 }

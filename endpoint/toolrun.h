@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "classify.h"
 #include "launch.h"
@@ -52,6 +53,7 @@ private:
     bool m_killed = false;
     long long m_kill_at = 0;      // monotonic ms, while stopping
     long long m_drain_until = 0;  // monotonic ms, once reaped
+    std::vector<char> m_buffer = std::vector<char>(65536);
 };
 
 // Monotonic milliseconds.

@@ -70,7 +70,10 @@ class BadInput(unittest.TestCase):
         ws = StandinWorkspace(self)
         for args, words in ((["start"], "unknown command 'start'"), ([], "no command"),
                             (["setup"], "setup needs the setup code"),
+                            (["setup", " "], "setup needs the setup code"),
                             (["run", "now"], "too many arguments"),
+                            (["run", "--json"], "--json goes with status only"),
+                            (["run", "--env"], "--env needs a file"),
                             (["run", "--bogus"], "unknown option --bogus")):
             err = self.assertRefused(ws, args, 2, words)
             self.assertIn("usage: relaytool-endpoint", err)
@@ -101,16 +104,12 @@ class BadInput(unittest.TestCase):
         not_executable = ws.path("gridftp.conf")
         cases = [
             (dict(HVN_RELAY_SERVER=None), "HVN_RELAY_SERVER: not set"),
-            (dict(HVN_RELAY_SERVER="relay:99999"), "HVN_RELAY_SERVER: 'relay:99999' is not"),
-            (dict(HVN_GRIDFTP_PATH=""), "HVN_GRIDFTP_PATH: not set"),
             (dict(HVN_GRIDFTP_PATH=not_executable),
              "HVN_GRIDFTP_PATH: %s is not an executable program" % not_executable),
             (dict(RELAYTOOL_PATH="/no/such/relaytool"),
              "RELAYTOOL_PATH: cannot use /no/such/relaytool: No such file"),
             (dict(HVN_GLOBAL_ETC_DIR=ws.root), "HVN_GLOBAL_ETC_DIR: cannot read %s/relay-"
              "anonymous.key" % ws.root),
-            (dict(HVN_FTP_PORT="http"), "HVN_FTP_PORT: 'http' is not"),
-            (dict(RELAYTOOL_BACKOFF_MIN="0"), "RELAYTOOL_BACKOFF_MIN: '0' is not"),
             (dict(HVN_CONFIG_DIR=not_executable), "HVN_CONFIG_DIR: cannot create"),
         ]
         for settings, words in cases:
@@ -219,13 +218,8 @@ class Supervision(unittest.TestCase):
 
     def test_each_final_class_stops_at_once_with_its_status(self):
         ws = StandinWorkspace(self)
+        # the exit status and the signal reach the decision, not only the lines
         cases = [
-            ({"stderr": ["Relay server error: unknown endpoint id 5"]}, 12, "relay-error"),
-            ({"stderr": ["Fatal Error: No HVN credentials found"]}, 11, "no-credentials"),
-            ({"stderr": ["[ssh stderr] x_relay2@relay: Permission denied (publickey)."]}, 14,
-             "account-refused"),
-            ({"stderr": ["Fatal Error: Couldn't open for reading '/c/client-id.txt': "
-                         "Permission denied"]}, 15, "files"),
             ({"stderr": ["Env var 'HVN_OS' must be set"], "exit": 2}, 10, "setting"),
             ({"stderr": ["src/relaytool:267: failed precondition 'nr_ftp_active >= 0'"],
               "signal": signal.SIGABRT}, 16, "internal"),

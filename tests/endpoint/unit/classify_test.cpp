@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <set>
 #include <vector>
 
 #include "classify.h"
@@ -101,23 +100,4 @@ TEST(Classify, ExitStatusSignalAndLoginDecideWhereLinesDoNot) {
                  "connection-lost");
     EXPECT_STREQ(name(run({}, kExit1, false)), "unknown");
     EXPECT_STREQ(name(run({"Relay server error: x"}, kExit1, true)), "relay-error");
-}
-
-TEST(Classify, EachClassHasItsOwnStatusAndTheDocumentedDecision) {
-    const std::set<std::string> stop = {"setting",  "no-credentials",  "relay-error",
-                                        "host-key", "account-refused", "files",
-                                        "internal"};
-    std::set<int> statuses;
-    for (int i = 0; i <= static_cast<int>(FailureClass::Internal); ++i) {
-        const auto& info = class_info(static_cast<FailureClass>(i));
-        EXPECT_EQ(info.retry, stop.count(info.name) == 0) << info.name;
-        EXPECT_TRUE(statuses.insert(info.exit_status).second) << info.name;
-        // 10-16 final, 20-25 retried: clear of 0-4 and of the service
-        // manager's own statuses
-        EXPECT_TRUE(info.retry ? info.exit_status >= 20 && info.exit_status <= 25
-                               : info.exit_status >= 10 && info.exit_status <= 16)
-            << info.name;
-    }
-    EXPECT_EQ(endpoint::describe_end(ToolEnd{false, 1}), "exit status 1");
-    EXPECT_EQ(endpoint::describe_end(ToolEnd{true, SIGKILL}), "signal 9 (Killed)");
 }
