@@ -49,7 +49,7 @@ std::string absolute(const std::string& path, const SystemFacts& facts) {
 }
 
 std::string config_home(const EnvMap& env, const SystemFacts& facts) {
-    // The base directory specification ignores a relative XDG_CONFIG_HOME.
+    // XDG base directories must be absolute; a relative XDG_CONFIG_HOME is ignored.
     std::string xdg = value_of(env, "XDG_CONFIG_HOME");
     if (!xdg.empty() && xdg[0] == '/') return xdg;
     std::string home = value_of(env, "HOME");
