@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "diag.h"
@@ -65,6 +66,59 @@ bool file_readable(std::string path) {
     if (f == nullptr) return false;
     fclose(f);
     return true;
+}
+
+int try_read_file_contents(const std::string& path, std::string& contents) {
+    contents.clear();
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1) return errno;
+    std::vector<char> buffer(4096, '\0');
+    for (;;) {
+        ssize_t n = read(fd, buffer.data(), buffer.size());
+        if (n == -1 && errno == EINTR) continue;
+        if (n == -1) {
+            int err = errno;
+            close(fd);
+            contents.clear();
+            return err;
+        }
+        if (n == 0) break;
+        contents.append(buffer.data(), static_cast<size_t>(n));
+    }
+    close(fd);
+    return 0;
+}
+
+namespace {
+
+// Writes all of the data, however many calls it takes.
+int write_all(int fd, const std::string& data) {
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n == -1 && errno == EINTR) continue;
+        if (n == -1) return errno;
+        done += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int replace_file_atomically(const std::string& path, const std::string& data) {
+    // The new file must be in the same directory: rename is atomic only
+    // within one file system.
+    std::string temp = path + ".XXXXXX";
+    int fd = mkostemp(&temp[0], O_CLOEXEC);  // mode 0600
+    if (fd == -1) return errno;
+    int err = write_all(fd, data);
+    // Without the flush a crash soon after the rename could leave the new
+    // name pointing at an empty file on some file systems.
+    if (err == 0 && fsync(fd) != 0) err = errno;
+    if (close(fd) != 0 && err == 0) err = errno;
+    if (err == 0 && rename(temp.c_str(), path.c_str()) != 0) err = errno;
+    if (err != 0) unlink(temp.c_str());
+    return err;
 }
 
 }  // namespace hvlib

@@ -8,8 +8,8 @@ build=${1:-build}
 
 bash scripts/install-deps.sh
 
-mapfile -t sources < <(git ls-files '*.cpp' '*.h' 2>/dev/null || find lib src pdeath tests fuzz -name '*.cpp' -o -name '*.h')
-mapfile -t units < <(printf '%s\n' "${sources[@]}" | grep -E '^(lib|src|pdeath)/.*\.cpp$')
+mapfile -t sources < <(git ls-files '*.cpp' '*.h' 2>/dev/null || find lib src pdeath endpoint tests fuzz -name '*.cpp' -o -name '*.h')
+mapfile -t units < <(printf '%s\n' "${sources[@]}" | grep -E '^(lib|src|pdeath|endpoint)/.*\.cpp$')
 
 echo "== clang-format (${#sources[@]} files)"
 clang-format --dry-run --Werror "${sources[@]}"
@@ -24,6 +24,7 @@ fi
 echo "== cppcheck"
 # Strings taken by value are the library's chosen interface.
 cppcheck --enable=warning,performance,portability --std=c++17 --inline-suppr \
-  --error-exitcode=1 --quiet --suppress=passedByValue -I lib -I src lib src pdeath
+  --error-exitcode=1 --quiet --suppress=passedByValue -I lib -I src -I endpoint -I "$build/endpoint" \
+  lib src pdeath endpoint
 
 echo "static checks: clean"

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -74,4 +75,49 @@ TEST_F(FileTest, FailuresEndTheProcessWithTheirReports) {
     EXPECT_EXIT(hvlib::create_private_file_with_contents("/dev/full", "x"),
                 testing::ExitedWithCode(1),
                 "^Fatal Error: Couldn't write '/dev/full': No space left on device\n\n$");
+}
+
+TEST_F(FileTest, TryReadReturnsTheErrorInsteadOfEnding) {
+    std::string contents = "stale";
+    EXPECT_EQ(hvlib::try_read_file_contents(dir + "/missing", contents), ENOENT);
+    EXPECT_EQ(contents, "");
+    EXPECT_EQ(hvlib::try_read_file_contents(dir, contents), EISDIR);
+    std::string data(10000, '\0');
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
+    hvlib::create_private_file_with_contents(dir + "/f", data);
+    EXPECT_EQ(hvlib::try_read_file_contents(dir + "/f", contents), 0);
+    EXPECT_EQ(contents, data);
+}
+
+TEST_F(FileTest, AtomicReplaceLeavesOnlyTheWholeNewFile) {
+    std::string path = dir + "/state";
+    EXPECT_EQ(hvlib::replace_file_atomically(path, "first"), 0);
+    EXPECT_EQ(mode(path), 0600u);
+    EXPECT_EQ(hvlib::replace_file_atomically(path, std::string(100000, 'y')), 0);
+    EXPECT_EQ(hvlib::read_file_contents(path), std::string(100000, 'y'));
+    EXPECT_EQ(hvlib::replace_file_atomically(path, ""), 0);
+    EXPECT_EQ(hvlib::read_file_contents(path), "");
+    // no temporary file is left beside it
+    size_t entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        (void)entry;
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(FileTest, AtomicReplaceFailsWithoutTouchingWhatIsThere) {
+    EXPECT_EQ(hvlib::replace_file_atomically(dir + "/no/such", "x"), ENOENT);
+    // a directory in the way: the rename fails and the new file goes again
+    std::string blocked = dir + "/blocked";
+    ASSERT_EQ(mkdir(blocked.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((blocked + "/inside").c_str(), 0700), 0);
+    EXPECT_NE(hvlib::replace_file_atomically(blocked, "x"), 0);
+    EXPECT_TRUE(std::filesystem::is_directory(blocked + "/inside"));
+    size_t entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        (void)entry;
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1u);
 }

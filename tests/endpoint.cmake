@@ -1,0 +1,50 @@
+# Tests of relaytool-endpoint (tests/endpoint/): GoogleTest units of its pure
+# logic, process-level tests with a stand-in tool, and end-to-end tests
+# through the local relay (Debian's sshd on loopback, the reference relay,
+# the real tool, watcher and ssh). The end-to-end ones need root and report
+# themselves as skipped without it. Included from tests/CMakeLists.txt.
+if(NOT TARGET relaytool-endpoint)
+  return()
+endif()
+if(NOT TEST_PYTHON)
+  find_program(TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+endif()
+
+add_executable(endpoint_unit_tests
+  endpoint/unit/envfile_test.cpp
+  endpoint/unit/classify_test.cpp
+  endpoint/unit/backoff_test.cpp
+  endpoint/unit/settings_test.cpp)
+target_compile_options(endpoint_unit_tests PRIVATE ${RELAYTOOL_WARNINGS})
+target_link_libraries(endpoint_unit_tests PRIVATE endpoint_core GTest::gtest_main)
+gtest_discover_tests(endpoint_unit_tests DISCOVERY_TIMEOUT 30 PROPERTIES LABELS "endpoint;unit")
+
+set(endpoint_env "RELAYTOOL_ENDPOINT_BIN=$<TARGET_FILE:relaytool-endpoint>"
+                 "RELAYTOOL_TESTRELAY_BIN=$<TARGET_FILE:relaytool-testrelay>"
+                 "RELAYTOOL_BIN=$<TARGET_FILE:relaytool>"
+                 "PDEATH_BIN=$<TARGET_FILE:pdeath>")
+
+add_test(NAME endpoint_process
+         COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/endpoint/test_endpoint_process.py -v)
+set_tests_properties(endpoint_process PROPERTIES
+  ENVIRONMENT "${endpoint_env}" LABELS endpoint TIMEOUT 180)
+
+add_test(NAME endpoint_end_to_end
+         COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/endpoint/test_endpoint_relay.py -v)
+set_tests_properties(endpoint_end_to_end PROPERTIES
+  ENVIRONMENT "${endpoint_env}" LABELS "endpoint;e2e" TIMEOUT 300
+  SKIP_REGULAR_EXPRESSION "real end-to-end tests skipped")
+
+# relaytool-endpoint ships too: the same hardening check as the tool, skipped
+# in the same builds.
+set(_endpoint_hardening_args)
+if(NOT RELAYTOOL_HARDENED)
+  set(_endpoint_hardening_args --skip "not a hardened build")
+endif()
+add_test(NAME hardening_endpoint
+         COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/check_hardening.sh
+                 $<$<NOT:$<CONFIG:Release,RelWithDebInfo,MinSizeRel>>:--no-fortify>
+                 ${_endpoint_hardening_args}
+                 $<TARGET_FILE:relaytool-endpoint>)
+set_tests_properties(hardening_endpoint PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 60
+                     LABELS "hardening;endpoint")
