@@ -16,5 +16,5 @@ endif()
 
 add_test(NAME version
          COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/check_version.sh ${PROJECT_VERSION} ${PROJECT_SOURCE_DIR}
-                 $<TARGET_FILE:pdeath> ${RELAYTOOL_MANPAGES})
+                 $<TARGET_FILE:pdeath> $<TARGET_FILE:relaytool-endpoint> ${RELAYTOOL_MANPAGES})
 set_tests_properties(version PROPERTIES LABELS docs TIMEOUT 60)
