@@ -9,7 +9,7 @@ part of the test suite, whose tests never time anything):
   3. the time to reconnect after the relay returns, against the back-off
      delay in force at that moment.
 
-    python3 tests/endpoint/measure_endpoint.py [--runs N] [--quiet-seconds S]
+    python3 bench/endpoint_figures.py [--runs N] [--quiet-seconds S]
 """
 
 import argparse
@@ -23,9 +23,9 @@ import time
 import unittest
 from datetime import datetime
 
-HERE = os.path.dirname(os.path.realpath(__file__))
-sys.path.insert(0, HERE)
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(HERE)), "relay"))
+REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+sys.path.insert(0, os.path.join(REPO, "tests", "endpoint"))
+sys.path.insert(0, os.path.join(REPO, "relay"))
 
 import sshd_fixture  # noqa: E402
 from test_endpoint_relay import RelayWorkspace  # noqa: E402
