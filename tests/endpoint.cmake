@@ -34,17 +34,3 @@ add_test(NAME endpoint_end_to_end
 set_tests_properties(endpoint_end_to_end PROPERTIES
   ENVIRONMENT "${endpoint_env}" LABELS "endpoint;e2e" TIMEOUT 300
   SKIP_REGULAR_EXPRESSION "real end-to-end tests skipped")
-
-# relaytool-endpoint ships too: the same hardening check as the tool, skipped
-# in the same builds.
-set(_endpoint_hardening_args)
-if(NOT RELAYTOOL_HARDENED)
-  set(_endpoint_hardening_args --skip "not a hardened build")
-endif()
-add_test(NAME hardening_endpoint
-         COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/check_hardening.sh
-                 $<$<NOT:$<CONFIG:Release,RelWithDebInfo,MinSizeRel>>:--no-fortify>
-                 ${_endpoint_hardening_args}
-                 $<TARGET_FILE:relaytool-endpoint>)
-set_tests_properties(hardening_endpoint PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 60
-                     LABELS "hardening;endpoint")
