@@ -2,7 +2,8 @@
 """A private OpenSSH server on 127.0.0.1 that runs the local relay.
 
 Brings up Debian's /usr/sbin/sshd with its own configuration in a directory
-of its own (never /etc/ssh), listening on 127.0.0.1 at a free port.  The only
+of its own (never /etc/ssh), listening on 127.0.0.1 at a free port (or on
+another address, inside a network namespace of the caller's).  The only
 login is "x_relay2" with the installation's anonymous key; its forced command
 is relay_server.py, and it may hold remote forwards bound to loopback.
 
@@ -16,6 +17,7 @@ As a module (needs root):
 From the command line:
 
     sshd_fixture.py start --dir D [--host-key F] [--anon-key F] [--heartbeat N]
+                          [--address A --netns NS]
     sshd_fixture.py add-code --dir D CODE
     sshd_fixture.py client-credentials --dir D ID
     sshd_fixture.py make-v1-credentials --dir D OUTDIR
@@ -27,7 +29,7 @@ Layout of the fixture directory:
                                       public half
     anon_key                          0600 copy of the anonymous key
     authorized_keys                   its public half (root, 0644)
-    known_hosts                       "127.0.0.1 <host key>" for clients
+    known_hosts                       "<address> <host key>" for clients
     relay_server.py, relay_ca.py,     copy of the relay run by sshd
     relay_files.py
     state/                            relay state dir, owned by x_relay2;
@@ -249,10 +251,14 @@ class RelayFixture:
         (default tests/keys/anonymous.key).
     relay_options: extra relay_server.py options, e.g. ["--challenge",
         "percent"]; heartbeat is a shortcut for --heartbeat.
+    address, netns: sshd listens on address inside the network namespace
+        netns (made by the caller, e.g. tests/netns.py) instead of on
+        127.0.0.1 in ours; forwarded ports then live in that namespace.
     """
 
     def __init__(self, directory=None, host_key=None, anon_key=None,
-                 heartbeat=None, relay_options=(), port=None):
+                 heartbeat=None, relay_options=(), port=None,
+                 address="127.0.0.1", netns=None):
         self.dir = directory
         self.host_key = host_key or DEFAULT_HOST_KEY
         self.anon_key = anon_key or DEFAULT_ANON_KEY
@@ -260,6 +266,8 @@ class RelayFixture:
         if heartbeat is not None:
             self.relay_options += ["--heartbeat", str(heartbeat)]
         self.requested_port = port
+        self.address = address
+        self.netns = netns
         self.port = None
         self.authority = {}  # authority=, trust_dir= of the relay, by start()
         self.pid = None
@@ -366,7 +374,7 @@ class RelayFixture:
         _copy_private(self.host_key, self.path("host_key"))
         host_public = _public_key(self.path("host_key"))
         _write(self.path("host_key.pub"), host_public + "\n")
-        _write(self.known_hosts, "127.0.0.1 %s\n" % host_public)
+        _write(self.known_hosts, "%s %s\n" % (self.address, host_public))
 
         _copy_private(self.anon_key, self.path("anon_key"))
         _write(self.path("authorized_keys"),
@@ -396,14 +404,17 @@ class RelayFixture:
         """Starts sshd on self.port; False if the port was taken."""
         _write(self.sshd_log, "", 0o600)
         _write(self.config_path, self._config_text +
-               "ListenAddress 127.0.0.1:%d\n" % self.port)
+               "ListenAddress %s:%d\n" % (self.address, self.port))
+        argv = [SSHD, "-D", "-f", self.config_path, "-E", self.sshd_log]
+        if self.netns:  # ip execs sshd in the namespace: the pid is sshd's
+            argv = ["ip", "netns", "exec", self.netns] + argv
         self._proc = subprocess.Popen(
-            [SSHD, "-D", "-f", self.config_path, "-E", self.sshd_log],
+            argv,
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL, start_new_session=True)
         self.pid = self._proc.pid
         deadline = time.monotonic() + 10
-        needle = "Server listening on 127.0.0.1 port %d." % self.port
+        needle = "Server listening on %s port %d." % (self.address, self.port)
         while time.monotonic() < deadline:
             if needle in self.logs():
                 return True
@@ -430,8 +441,10 @@ class RelayFixture:
     def forwarded_ports(self):
         """Relay-side ports of the remote forwards that clients hold now:
         the loopback TCP listeners of the per-connection sshd processes."""
+        if not self.pid:
+            return []
         inodes = set()
-        for pid in _descendants(self.pid) if self.pid else []:
+        for pid in _descendants(self.pid):
             fd_dir = "/proc/%d/fd" % pid
             try:
                 for fd in os.listdir(fd_dir):
@@ -441,7 +454,8 @@ class RelayFixture:
             except OSError:
                 continue
         ports = set()
-        with open("/proc/net/tcp") as f:
+        # the table of sshd's network namespace, which may not be ours
+        with open("/proc/%d/net/tcp" % self.pid) as f:
             for line in f.readlines()[1:]:
                 fields = line.split()
                 local, state, inode = fields[1], fields[3], fields[9]
@@ -485,7 +499,7 @@ class RelayFixture:
     def ssh_argv(self, identity, known_hosts=None, forward_port=None,
                  verbose=False):
         return ssh_argv(self.port, identity, known_hosts or self.known_hosts,
-                        forward_port, verbose=verbose)
+                        forward_port, host=self.address, verbose=verbose)
 
 
 def _check_traversable(path):
@@ -543,6 +557,10 @@ def main(argv=None):
     start.add_argument("--anon-key", help="anonymous client key to authorise")
     start.add_argument("--heartbeat", type=float)
     start.add_argument("--port", type=int, help="port (default: a free one)")
+    start.add_argument("--address", default="127.0.0.1",
+                       help="address to listen on (default 127.0.0.1)")
+    start.add_argument("--netns",
+                       help="network namespace to run sshd in (ip netns)")
     start.add_argument("--relay-option", action="append", default=[],
                        help="extra relay_server.py argument (repeatable), "
                             "e.g. --relay-option=--challenge=percent")
@@ -570,7 +588,9 @@ def main(argv=None):
                            anon_key=getattr(args, "anon_key", None),
                            heartbeat=getattr(args, "heartbeat", None),
                            relay_options=getattr(args, "relay_option", []),
-                           port=getattr(args, "port", None))
+                           port=getattr(args, "port", None),
+                           address=getattr(args, "address", "127.0.0.1"),
+                           netns=getattr(args, "netns", None))
     try:
         if args.cmd == "start":
             fixture.start()
