@@ -15,6 +15,8 @@ import time
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(REPO, "relay"))
+import sshd_fixture  # noqa: E402
 ENDPOINT, TESTRELAY_TOOL, DEFAULT_TOOL, PDEATH = (
     os.environ.get(var, os.path.join(REPO, "build", path)) for var, path in (
         ("RELAYTOOL_ENDPOINT_BIN", "endpoint/relaytool-endpoint"),
@@ -94,7 +96,9 @@ class Workspace:
                    HVN_GRIDFTP_PATH=STANDIN_WORKER, HVN_PDEATH_PATH=PDEATH,
                    HVN_GLOBAL_ETC_DIR=self.etc_dir,
                    HVN_CONFIG_DIR=self.config_dir,
-                   RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4")
+                   RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4",
+                   # no system bus unless a test brings its own
+                   DBUS_SYSTEM_BUS_ADDRESS="unix:path=%s/no-bus" % self.root)
         # sanitizer settings reach the sanitized programs
         env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
         for key, value in settings.items():
@@ -104,10 +108,10 @@ class Workspace:
                 env[key] = value
         return env
 
-    def command(self, *args, env=None, timeout=WAIT):
+    def command(self, *args, env=None, timeout=WAIT, input=None):
         """Runs relaytool-endpoint to its end: (status, stdout, stderr)."""
         p = subprocess.run([ENDPOINT] + list(args), env=env or self.env(),
-                           stdin=subprocess.DEVNULL, capture_output=True,
+                           input=input or "", capture_output=True,
                            text=True, timeout=timeout)
         return p.returncode, p.stdout, p.stderr
 
@@ -127,8 +131,10 @@ class Workspace:
         except FileNotFoundError:
             return {}
 
-    def start(self, *args, env=None, **popen):
-        run = Run(self, list(args), env or self.env(), **popen)
+    def start(self, *args, env=None, prefix=(), **popen):
+        """relaytool-endpoint in the background; `prefix` goes before it
+        (such as `ip netns exec NS`)."""
+        run = Run(self, list(prefix), list(args), env or self.env(), **popen)
         self.runs.append(run)
         return run
 
@@ -144,17 +150,53 @@ class Workspace:
                 pass
 
 
+class RelayWorkspace(Workspace):
+    """A workspace for the real tool through a local relay (`fixture`, a
+    started sshd_fixture.RelayFixture)."""
+
+    def __init__(self, test, fixture):
+        super().__init__(test)
+        self.fixture = fixture
+        with open(os.path.join(self.serve_dir, "blob"), "wb") as f:
+            f.write(os.urandom(1 << 16))
+
+    def env(self, **settings):
+        base = dict(RELAYTOOL_PATH=TESTRELAY_TOOL, HVN_SSH_PATH="/usr/bin/ssh",
+                    HVN_RELAY_SERVER="%s:%d" % (self.fixture.address, self.fixture.port),
+                    RELAYTOOL_BACKOFF_MIN="0.2", RELAYTOOL_BACKOFF_MAX="1.6")
+        base.update(settings)
+        return super().env(**base)
+
+    def set_up(self, test, code):
+        self.fixture.add_code(code)
+        rc, out, err = self.command("setup", input=code + "\n")
+        test.assertEqual(rc, 0, out + err + self.fixture.logs())
+        test.assertIn("the endpoint is set up", out)
+
+    def ssh_pids(self):
+        return [p for p, name in processes_mentioning(self.config_dir).items() if name == "ssh"]
+
+
+def new_fixture(test, **kw):
+    """A relay of the test's own, stopped and removed at its end."""
+    fixture = sshd_fixture.RelayFixture(directory=tempfile.mkdtemp(prefix="relay-sshd-"),
+                                        heartbeat=1, **kw)
+    test.addCleanup(shutil.rmtree, fixture.dir, True)
+    test.addCleanup(fixture.stop)
+    return fixture.start()
+
+
 class Run(subprocess.Popen):
     """relaytool-endpoint running in the background, stdout and stderr in
     files."""
 
-    def __init__(self, workspace, args, env, **popen):
+    def __init__(self, workspace, prefix, args, env, **popen):
         self.ws = workspace
         n = len(workspace.runs)
         self.files = tuple(os.path.join(workspace.root, "run%d.%s" % (n, s))
                            for s in ("out", "err"))
         with open(self.files[0], "wb") as o, open(self.files[1], "wb") as e:
-            super().__init__([ENDPOINT] + args, env=env, stdin=subprocess.DEVNULL,
+            super().__init__(prefix + [ENDPOINT] + args, env=env, stdin=subprocess.DEVNULL,
                              stdout=o, stderr=e, **popen)
 
     def text(self, stream="err"):

@@ -37,6 +37,15 @@ TEST(Backoff, StaysWithinNarrowAndEqualBounds) {
     for (double u : {0.0, 0.999, 0.5}) EXPECT_DOUBLE_EQ(fixed.next(u), 0.2);
 }
 
+TEST(Backoff, ALongOneStartsAt32TimesTheMinimumWithinTheMaximum) {
+    Backoff b(1, 300);
+    double d = b.next(0, endpoint::BackoffKind::Long);
+    EXPECT_GE(d, 32);
+    EXPECT_LE(b.next(0.99, endpoint::BackoffKind::Long), 128);
+    Backoff small(0.05, 0.4);
+    EXPECT_LE(small.next(0.99, endpoint::BackoffKind::Long), 0.4);
+}
+
 TEST(Backoff, AConnectionOfAMinuteStartsAgainFromTheMinimum) {
     Backoff b(1, 300);
     for (int i = 0; i < 5; ++i) b.next(0.5);

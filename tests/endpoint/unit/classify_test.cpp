@@ -52,13 +52,25 @@ TEST(Classify, TheToolsAndSshsWordsGiveTheirClass) {
         {"[ssh stderr] Connection to 127.0.0.1 closed by remote host.", "connection-lost"},
         {"[ssh stderr] Timeout, server relay not responding.", "connection-lost"},
         {"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file or directory",
-         "setting"},
+         "not-ready"},
     };
     for (const Case& c : cases) {
         Failure f = run({c.line});
         EXPECT_STREQ(name(f), c.cls) << c.line;
         EXPECT_EQ(f.line, c.line);
     }
+}
+
+TEST(Classify, OnlyWhatNeedsAPersonIsFinal) {
+    std::string finals;
+    for (FailureClass c :
+         {FailureClass::Setting, FailureClass::NoCredentials, FailureClass::HostKey,
+          FailureClass::AccountRefused, FailureClass::RelayError, FailureClass::Files,
+          FailureClass::Internal, FailureClass::NotReady}) {
+        if (class_info(c).final) finals += std::string(class_info(c).name) + " ";
+    }
+    EXPECT_EQ(finals, "setting no-credentials host-key account-refused ");
+    EXPECT_EQ(class_info(FailureClass::RelayError).backoff, endpoint::BackoffKind::Long);
 }
 
 TEST(Classify, OnlyTheRightSourceCounts) {
