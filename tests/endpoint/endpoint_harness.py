@@ -108,9 +108,9 @@ class Workspace:
                 env[key] = value
         return env
 
-    def command(self, *args, env=None, timeout=WAIT, input=None):
+    def command(self, *args, env=None, timeout=WAIT, input=None, prefix=()):
         """Runs relaytool-endpoint to its end: (status, stdout, stderr)."""
-        p = subprocess.run([ENDPOINT] + list(args), env=env or self.env(),
+        p = subprocess.run(list(prefix) + [ENDPOINT] + list(args), env=env or self.env(),
                            input=input or "", capture_output=True,
                            text=True, timeout=timeout)
         return p.returncode, p.stdout, p.stderr
@@ -167,9 +167,9 @@ class RelayWorkspace(Workspace):
         base.update(settings)
         return super().env(**base)
 
-    def set_up(self, test, code):
+    def set_up(self, test, code, **command):
         self.fixture.add_code(code)
-        rc, out, err = self.command("setup", input=code + "\n")
+        rc, out, err = self.command("setup", input=code + "\n", **command)
         test.assertEqual(rc, 0, out + err + self.fixture.logs())
         test.assertIn("the endpoint is set up", out)
 
