@@ -41,11 +41,13 @@ struct Parser {
     bool quoted(std::string& value) {
         int start = line;
         char quote = take();
-        for (char c = 0; (c = done() ? 0 : take()) != quote;) {
-            if (c == 0) {
+        for (;;) {
+            if (done()) {
                 return fail(start, quote == '\'' ? "unterminated single quote"
                                                  : "unterminated double quote");
             }
+            char c = take();
+            if (c == quote) break;
             if (c == '\\' && quote == '"' && !done()) {
                 c = take();
                 if (c == '\n') continue;  // line continuation
@@ -83,7 +85,7 @@ struct Parser {
 
 bool parse_env_file(const std::string& text, Assignments& out, EnvFileError& error) {
     if (size_t zero = text.find('\0'); zero != std::string::npos) {
-        error = {1 + static_cast<int>(std::count(text.begin(), text.begin() + zero, '\n')),
+        error = {1 + static_cast<int>(std::count(text.data(), text.data() + zero, '\n')),
                  "zero byte in the file"};
         return false;
     }

@@ -9,24 +9,15 @@
 
 namespace endpoint {
 
-namespace {
-
-// A POSIX record lock, not flock: F_GETLK can test for it without taking it
-// and names the holder. It is never inherited by children, and this process
-// keeps its only descriptor of the file open until it ends.
-struct flock whole_file() {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return lock;
-}
-
-}  // namespace
-
+// A POSIX record lock on the whole file, not flock: F_GETLK can test for it
+// without taking it and names the holder. It is never inherited by
+// children, and this process keeps its only descriptor of the file open
+// until it ends.
 LockResult take_config_lock(const std::string& config_dir, std::string& problem) {
     std::string path = config_dir + "/endpoint.lock";
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    struct flock lock = whole_file();
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
     if (fd != -1 && fcntl(fd, F_SETLK, &lock) == 0) return LockResult::Taken;  // fd stays open
     int err = errno;
     if (fd != -1) close(fd);
@@ -42,11 +33,11 @@ LockResult take_config_lock(const std::string& config_dir, std::string& problem)
 
 pid_t config_lock_holder(const std::string& config_dir) {
     int fd = open((config_dir + "/endpoint.lock").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1) return 0;
-    struct flock lock = whole_file();
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
     pid_t holder = 0;
-    if (fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK) holder = lock.l_pid;
-    close(fd);
+    if (fd != -1 && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK) holder = lock.l_pid;
+    if (fd != -1) close(fd);
     return holder;
 }
 

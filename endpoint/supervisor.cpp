@@ -141,9 +141,7 @@ private:
         m_start_reason.clear();
     }
 
-    bool waiting_for_route() const {
-        return m_state.phase == Phase::Waiting && !m_retry.armed() && !m_stopping;
-    }
+    bool waiting_for_route() const { return m_state.phase == Phase::Waiting && !m_retry.armed(); }
 
     // One line of the tool's standard output: "RELAYTOOL=1 status=..."
     // records of key=value tokens, as in the relay protocol.

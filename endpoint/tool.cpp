@@ -50,10 +50,9 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
     // a Ctrl-C at a terminal is for us, and we stop the tool our way.
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
-    sigset_t none, defaults;
+    sigset_t none, defaults;  // nothing blocked, nothing ignored (as we may have been)
     sigemptyset(&none);
-    sigemptyset(&defaults);
-    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGPIPE}) sigaddset(&defaults, sig);
+    sigfillset(&defaults);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setpgroup(&attr, 0);
@@ -61,8 +60,11 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
         &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> entries;
-    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
+    for (const auto& [key, value] : env) {
+        entries.push_back(hvlib::str_sprintf("%s=%s", key.c_str(), value.c_str()));
+    }
     std::vector<char*> envp;
+    envp.reserve(entries.size() + 1);
     for (std::string& entry : entries) envp.push_back(&entry[0]);
     envp.push_back(nullptr);
     std::string argv0 = "relaytool";
