@@ -61,18 +61,6 @@ TEST(Classify, TheToolsAndSshsWordsGiveTheirClass) {
     }
 }
 
-TEST(Classify, OnlyWhatNeedsAPersonIsFinal) {
-    std::string finals;
-    for (FailureClass c :
-         {FailureClass::Setting, FailureClass::NoCredentials, FailureClass::HostKey,
-          FailureClass::AccountRefused, FailureClass::RelayError, FailureClass::Files,
-          FailureClass::Internal, FailureClass::NotReady}) {
-        if (class_info(c).final) finals += std::string(class_info(c).name) + " ";
-    }
-    EXPECT_EQ(finals, "setting no-credentials host-key account-refused ");
-    EXPECT_EQ(class_info(FailureClass::RelayError).backoff, endpoint::BackoffKind::Long);
-}
-
 TEST(Classify, OnlyTheRightSourceCounts) {
     // A worker's complaint says nothing about the connection, and the tool's
     // words copied from ssh are ssh's, not the tool's.
