@@ -138,13 +138,13 @@ bool Tool::ended(pid_t pid, int status, ToolEnd& end) {
     if (pid != m_pid || m_pid <= 0) return false;
     end.signaled = WIFSIGNALED(status);
     end.value = end.signaled ? WTERMSIG(status) : WEXITSTATUS(status);
+    m_pid = -1;  // reaped: its number may be another process's from now on
     // What it wrote before it ended is in the pipes: take all of it.
     for (Stream* s : {&m_out, &m_err}) {
         while (read_from(*s)) {
         }
         pass_on(*s, s->partial.size());
     }
-    m_pid = -1;
     close_all();
     return true;
 }
