@@ -23,14 +23,17 @@ int fail(int status, const std::string& message) {
 
 // The code is one line of standard input: never on a command line, where
 // every user could read it. On a terminal it is not echoed, and Ctrl-C is
-// read as a character, so that the echo always comes back.
+// read as a character that ends the input, so that the echo always comes
+// back.
 bool read_setup_code(std::string& code) {
     termios saved{};
     bool terminal = tcgetattr(0, &saved) == 0;
     if (terminal) {
         termios quiet = saved;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
-        fprintf(stderr, "setup code: ");
+        quiet.c_cc[VEOL] = '\003';  // Ctrl-C ends the line too
+        fputs("setup code: ", stderr);
+        fflush(stderr);  // line-buffered, and no line end yet
         tcsetattr(0, TCSAFLUSH, &quiet);
     }
     std::string line;
