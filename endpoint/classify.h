@@ -1,11 +1,8 @@
-// What ended a run of the tool, and whether starting it again can help.
-//
-// The tool ends every login with exit status 1 and says why only in free
-// text on standard error: its own lines ("Relay server error: ...",
-// "Fatal Error: ...") and the ssh client's, which it copies as
-// "[ssh stderr] ..." lines. A class is found from those lines and the exit
-// status; the GridFTP workers' lines ("[ftp stderr] ...") never count, since
-// a transfer's trouble says nothing about the connection.
+// What ended a run of the tool, and whether starting it again can help. The
+// tool ends every login with exit status 1 and says why only in free text
+// on standard error: its own lines and the ssh client's ("[ssh stderr] ...").
+// The GridFTP workers' lines ("[ftp stderr] ...") never count: a transfer's
+// trouble says nothing about the connection.
 #pragma once
 
 #include <string>
@@ -13,34 +10,23 @@
 namespace endpoint {
 
 enum class FailureClass {
-    // Retried after a back-off.
-    ConnectionLost,
-    RelayUnreachable,
-    Signal,
-    SystemCall,
-    Protocol,
-    Unknown,
-    // Final: starting the tool again would fail the same way.
-    Setting,
-    NoCredentials,
-    RelayError,
-    HostKey,
-    AccountRefused,
-    Files,
-    Internal,
+#define CLASS(id, ...) id,
+#include "classes.def"
+#undef CLASS
 };
 
+enum class BackoffKind { Normal, Long };
+
 struct ClassInfo {
-    FailureClass cls;
-    const char* name;         // in the state file, the JSON and the journal
-    bool retry;               // restart after a back-off, or stop
+    const char* name;  // in the state file, the JSON and the journal
+    bool final;        // stop for good, or retry after a back-off
+    BackoffKind backoff;
     int exit_status;          // of relaytool-endpoint when this class ends it
-    const char* description;  // for people
+    const char* description;  // for people: what it is, and why it is (not) final
 };
 
 const ClassInfo& class_info(FailureClass cls);
 
-// How the tool's process ended.
 struct ToolEnd {
     bool signaled = false;
     int value = 0;  // the exit status, or the signal number
@@ -67,8 +53,5 @@ private:
     FailureClass m_cls = FailureClass::Unknown;
     std::string m_line;
 };
-
-// The class that one line of the tool's standard error shows, if any.
-bool classify_line(const std::string& line, FailureClass& cls);
 
 }  // namespace endpoint

@@ -1,82 +1,55 @@
 #include "cli.h"
 
-#include <vector>
+#include <getopt.h>
 
 namespace endpoint {
 
 const char* const kUsage =
-    "usage: relaytool-endpoint [--env FILE] setup CODE\n"
-    "       relaytool-endpoint [--env FILE] run\n"
+    "usage: relaytool-endpoint [--env FILE] setup [--debug]   (the code on standard input)\n"
+    "       relaytool-endpoint [--env FILE] run [--debug]\n"
     "       relaytool-endpoint [--env FILE] status [--json]\n"
     "       relaytool-endpoint --help | --version\n";
 
 bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std::string& error) {
-    std::vector<std::string> words;
-    bool options_end = false;
-    bool env_given = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (options_end || arg.empty() || arg[0] != '-' || arg == "-") {
-            words.push_back(arg);
-        } else if (arg == "--") {
-            options_end = true;
-        } else if (arg == "--env" || arg == "-e") {
-            if (i + 1 >= argc) {
-                error = "--env needs a file";
-                return false;
-            }
-            out.env_file = argv[++i];
-            env_given = true;
-        } else if (arg.compare(0, 6, "--env=") == 0) {
-            out.env_file = arg.substr(6);
-            env_given = true;
-        } else if (arg == "--json") {
-            out.json = true;
-        } else if (arg == "--help" || arg == "-h") {
-            out.help = true;
-        } else if (arg == "--version") {
-            out.version = true;
-        } else {
-            error = "unknown option " + arg;
-            return false;
-        }
+    const option options[] = {
+        {"env", required_argument, nullptr, 'e'}, {"json", no_argument, nullptr, 'j'},
+        {"debug", no_argument, nullptr, 'd'},     {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},   {}};
+    auto args = const_cast<char* const*>(argv);  // getopt only permutes the pointers
+    opterr = 0;
+    optind = 1;
+    for (int c = 0; (c = getopt_long(argc, args, ":e:h", options, nullptr)) != -1;) {
+        if (c == 'e' && *optarg != '\0') out.env_file = optarg;
+        out.json |= c == 'j';
+        out.debug |= c == 'd';
+        out.help |= c == 'h';
+        out.version |= c == 'V';
+        if (c == ':' || (c == 'e' && *optarg == '\0')) error = "--env needs a file";
+        if (c == '?') error = std::string("unknown option ") + argv[optind - 1];
+        if (!error.empty()) return false;
     }
     if (out.help || out.version) return true;
-    if (env_given && out.env_file.empty()) {
-        error = "--env needs a file";
-        return false;
-    }
-    if (words.empty()) {
-        error = "no command given";
-        return false;
-    }
-    const std::string& name = words[0];
-    size_t arguments = 0;
-    if (name == "setup") {
-        out.command = Command::Setup;
-        if (words.size() < 2 || words[1].find_first_not_of(" \t") == std::string::npos) {
-            error = "setup needs the setup code";
-            return false;
-        }
-        out.code = words[1];
-        arguments = 1;
-    } else if (name == "run") {
-        out.command = Command::Run;
-    } else if (name == "status") {
-        out.command = Command::Status;
+    std::string name = optind < argc ? argv[optind] : "";
+    if (name == "setup" || name == "run" || name == "status") {
+        out.command = name == "setup" ? Command::Setup
+                      : name == "run" ? Command::Run
+                                      : Command::Status;
     } else {
-        error = "unknown command '" + name + "'";
-        return false;
+        error = name.empty() ? "no command given" : "unknown command '" + name + "'";
     }
-    if (words.size() > arguments + 1) {
-        error = "too many arguments for " + name;
-        return false;
+    if (error.empty() && optind + 1 < argc) {
+        error = out.command == Command::Setup
+                    ? "setup reads the code from standard input, never from the command line, "
+                      "where every user of this computer could read it"
+                    : "too many arguments for " + name;
     }
-    if (out.json && out.command != Command::Status) {
+    if (error.empty() && out.json && out.command != Command::Status) {
         error = "--json goes with status only";
-        return false;
     }
-    return true;
+    if (error.empty() && out.debug && out.command == Command::Status) {
+        error = "--debug goes with setup and run only";
+    }
+    return error.empty();
 }
 
 }  // namespace endpoint

@@ -1,4 +1,4 @@
-// The command line: relaytool-endpoint [--env FILE] COMMAND [ARGUMENTS]
+// The command line, relaytool-endpoint [OPTIONS] COMMAND, and the commands.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ namespace endpoint {
 struct CommandLine {
     Command command = Command::Run;
     std::string env_file;  // empty: the default file, if it exists
-    std::string code;      // setup
     bool json = false;     // status
+    bool debug = false;    // setup, run: pass the tool's debug output on
     bool help = false;
     bool version = false;
 };
@@ -20,5 +20,14 @@ struct CommandLine {
 bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std::string& error);
 
 extern const char* const kUsage;
+
+// Keeps the tool logged in; the exit status is 0 when stopped by a signal.
+int run_supervisor(const CommandLine& cli, char** envp);
+
+// Sets the endpoint up with a code read from standard input.
+int run_setup(const CommandLine& cli, char** envp);
+
+// 0 if a supervisor runs for the configuration directory, 3 if none does.
+int show_status(const std::string& config_dir, bool json);
 
 }  // namespace endpoint

@@ -1,6 +1,4 @@
-// The KEY=VALUE environment files that systemd's EnvironmentFile= reads, so
-// that one file serves the service unit and the command line alike.
-//
+// The KEY=VALUE environment files that systemd's EnvironmentFile= reads.
 // Accepted: blank lines; comment lines whose first non-blank character is
 // '#' or ';'; assignments KEY=VALUE with blanks allowed around the '=' and a
 // key of letters, digits and '_' not starting with a digit. A value is

@@ -10,9 +10,9 @@ namespace endpoint {
 
 enum class LockResult { Taken, Held, Failed };
 
-// Takes the lock for this process's lifetime. Held: another process has it,
-// its pid in `holder`. Failed: the lock file cannot be used, errno in `err`.
-LockResult take_config_lock(const std::string& config_dir, pid_t& holder, int& err);
+// Takes the lock for this process's lifetime. Held: another process has it;
+// Failed: the lock file cannot be used; either way `problem` says so.
+LockResult take_config_lock(const std::string& config_dir, std::string& problem);
 
 // The pid of the process holding the lock, or 0 if none does; takes nothing
 // and creates nothing, so that asking never gets in a starting one's way.

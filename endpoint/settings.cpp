@@ -9,12 +9,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <utility>
-#include <vector>
 
 #include "backoff.h"
 #include "build_info.h"
 #include "diag.h"
-#include "envfile.h"
 #include "file.h"
 #include "strutil.h"
 
@@ -23,12 +21,13 @@ namespace endpoint {
 namespace {
 
 // Meant for relaytool-endpoint alone: the service manager's protocol
-// variables would make the tool's children talk to the service manager, and
-// the mode switches would turn a login into a setup or a self-check.
+// variables would make the tool's children talk to the service manager, the
+// mode switches would turn a login into a setup or a self-check, and the
+// tool's debug output holds its private keys (only --debug passes it on).
 const char* const kNotForTheTool[] = {
-    "NOTIFY_SOCKET",  "WATCHDOG_PID",          "WATCHDOG_USEC",         "LISTEN_PID",
-    "LISTEN_FDS",     "LISTEN_FDNAMES",        "HVN_SETUP_CODE",        "HVN_RELAYTOOL_TEST",
-    "RELAYTOOL_PATH", "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
+    "NOTIFY_SOCKET", "WATCHDOG_PID",   "WATCHDOG_USEC",         "LISTEN_PID",
+    "LISTEN_FDS",    "LISTEN_FDNAMES", "HVN_SETUP_CODE",        "HVN_RELAYTOOL_TEST",
+    "HVN_DEBUG",     "RELAYTOOL_PATH", "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
 };
 
 std::string value_of(const EnvMap& env, const std::string& name) {
@@ -36,9 +35,8 @@ std::string value_of(const EnvMap& env, const std::string& name) {
     return it == env.end() ? std::string() : it->second;
 }
 
-bool problem_with(SettingProblem& problem, const std::string& name, const std::string& message) {
-    problem.name = name;
-    problem.message = message;
+bool problem_with(std::string& problem, const std::string& name, const std::string& message) {
+    problem = name + ": " + message;
     return false;
 }
 
@@ -54,48 +52,33 @@ std::string config_home(const EnvMap& env, const SystemFacts& facts) {
     if (!xdg.empty() && xdg[0] == '/') return xdg;
     std::string home = value_of(env, "HOME");
     if (home.empty()) home = facts.home;
-    if (home.empty()) return "";
-    return home + "/.config";
+    return home.empty() ? "" : home + "/.config";
 }
 
 bool parse_port(const std::string& text, int low, int& port) {
-    if (text.empty() || text.size() > 6) return false;
-    size_t start = text[0] == '-' ? 1 : 0;
-    if (start == text.size()) return false;
-    for (size_t i = start; i < text.size(); ++i) {
-        if (text[i] < '0' || text[i] > '9') return false;
-    }
-    port = atoi(text.c_str());
-    return port >= low && port <= 65535;
+    char* end = nullptr;
+    long value = strtol(text.c_str(), &end, 10);
+    port = static_cast<int>(value);
+    return !text.empty() && text.find_first_not_of("-0123456789") == std::string::npos &&
+           *end == '\0' && value >= low && value <= 65535;
 }
 
-// The distribution's name and version from os-release, which is written in
-// the same KEY=VALUE form as an environment file.
-std::string distribution_version() {
-    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-        std::string text;
-        if (hvlib::try_read_file_contents(path, text) != 0) continue;
-        Assignments fields;
-        EnvFileError error;
-        if (!parse_env_file(text, fields, error)) continue;
-        for (const auto& [key, value] : fields) {
-            if (key == "PRETTY_NAME" && !value.empty()) return value;
-        }
-    }
-    return "";
+bool parse_seconds(const std::string& text, double& seconds) {
+    if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos) return false;
+    char* end = nullptr;
+    seconds = strtod(text.c_str(), &end);
+    return *end == '\0' && std::isfinite(seconds) && seconds > 0 &&
+           seconds <= Backoff::kLimitSeconds;
 }
 
-bool check_program(const std::string& name, const std::string& path, SettingProblem& problem) {
+bool program_ready(const char* name, const std::string& path, std::string& problem) {
     struct stat st {};
     if (stat(path.c_str(), &st) != 0) {
         return problem_with(problem, name,
-                            hvlib::str_sprintf("cannot use %s: %s", path.c_str(),
-                                               hvlib::get_strerror_string(errno).c_str()));
+                            "cannot use " + path + ": " + hvlib::get_strerror_string(errno));
     }
-    if (!S_ISREG(st.st_mode) || access(path.c_str(), X_OK) != 0) {
-        return problem_with(problem, name, path + " is not an executable program");
-    }
-    return true;
+    return (S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0) ||
+           problem_with(problem, name, path + " is not an executable program");
 }
 
 // mkdir -p with mode 0700 for every directory it creates.
@@ -104,8 +87,7 @@ int make_private_dirs(const std::string& path) {
     if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
     size_t slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0) {
-        int err = make_private_dirs(path.substr(0, slash));
-        if (err != 0) return err;
+        if (int err = make_private_dirs(path.substr(0, slash)); err != 0) return err;
     }
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return errno;
     return 0;
@@ -120,57 +102,51 @@ SystemFacts system_facts() {
         facts.os = names.sysname;
         facts.os_version = names.release;
     }
-    std::string distribution = distribution_version();
-    if (!distribution.empty()) facts.os_version = distribution;
+    // os-release is written in the same KEY=VALUE form as an environment file.
+    for (const char* path : {"/usr/lib/os-release", "/etc/os-release"}) {  // the latter wins
+        std::string text;
+        Assignments fields;
+        EnvFileError error;
+        if (hvlib::try_read_file_contents(path, text) != 0 || !parse_env_file(text, fields, error))
+            continue;
+        for (const auto& [key, value] : fields) {
+            if (key == "PRETTY_NAME" && !value.empty()) facts.os_version = value;
+        }
+    }
     if (const struct passwd* pw = getpwuid(geteuid())) {
         facts.user = pw->pw_name;
         facts.home = pw->pw_dir;
     }
-    std::vector<char> buffer(4096, '\0');
-    if (getcwd(buffer.data(), buffer.size()) != nullptr) facts.cwd = buffer.data();
+    if (char* cwd = getcwd(nullptr, 0)) {
+        facts.cwd = cwd;
+        free(cwd);
+    }
     return facts;
 }
 
-EnvMap environment_of(char** envp) {
+EnvMap environment_over_file(char** envp, const Assignments& file) {
     EnvMap env;
+    for (const auto& [key, value] : file) env[key] = value;  // a later line wins
     for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
         std::string text = *entry;
         size_t eq = text.find('=');
-        if (eq == std::string::npos || eq == 0) continue;
-        env.emplace(text.substr(0, eq), text.substr(eq + 1));  // the first one wins, as getenv
+        if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) continue;
+        env[text.substr(0, eq)] = text.substr(eq + 1);
     }
+    for (auto it = env.begin(); it != env.end();) it = it->second.empty() ? env.erase(it) : ++it;
     return env;
 }
 
 std::string default_env_file(const EnvMap& env, const SystemFacts& facts) {
-    std::string home = config_home(env, facts);
-    return home.empty() ? "" : home + "/relaytool/endpoint.env";
-}
-
-bool parse_relay_server(const std::string& value, std::string& host, int& port) {
-    std::string text = hvlib::strip(value);
-    size_t colon = text.find(':');
-    host = text.substr(0, colon);
-    port = 2223;
-    if (host.empty() || host.find_first_of(" \t") != std::string::npos) return false;
-    if (colon == std::string::npos) return true;
-    return parse_port(text.substr(colon + 1), 1, port);
-}
-
-bool parse_seconds(const std::string& text, double& seconds) {
-    if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos) return false;
-    char* end = nullptr;
-    seconds = strtod(text.c_str(), &end);
-    return *end == '\0' && std::isfinite(seconds) && seconds > 0 &&
-           seconds <= Backoff::kLimitSeconds;
+    return config_home(env, facts).empty() ? ""
+                                           : config_home(env, facts) + "/relaytool/endpoint.env";
 }
 
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
-                      SettingProblem& problem) {
+                      std::string& problem) {
     EnvMap tool = env;
     auto fill = [&tool](const std::string& name, const std::string& fallback) {
-        if (value_of(tool, name).empty()) tool[name] = fallback;
-        return tool[name];
+        return tool.emplace(name, fallback).first->second;
     };
 
     std::string home = config_home(env, facts);
@@ -182,17 +158,38 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
     tool["HVN_CONFIG_DIR"] = out.config_dir;
     if (command == Command::Status) return true;
 
+    // First, so that they are known even while other settings are not yet.
+    const std::pair<const char*, double*> bounds[] = {
+        {"RELAYTOOL_BACKOFF_MIN", &out.backoff_min},
+        {"RELAYTOOL_BACKOFF_MAX", &out.backoff_max},
+    };
+    for (const auto& [name, bound] : bounds) {
+        std::string text = value_of(env, name);
+        if (command == Command::Run && !text.empty() && !parse_seconds(text, *bound)) {
+            return problem_with(
+                problem, name,
+                "'" + text + "' is not a number of seconds above 0 and at most 86400");
+        }
+    }
+    if (out.backoff_min > out.backoff_max) {
+        return problem_with(problem, "RELAYTOOL_BACKOFF_MIN", "larger than RELAYTOOL_BACKOFF_MAX");
+    }
+
+    // The tool's own reading of the address, checked here so that a value
+    // it cannot use stops us before the first start rather than after it.
     std::string relay = value_of(env, "HVN_RELAY_SERVER");
-    std::string host;
+    hvlib::StringList parts = hvlib::split_relay_server(relay);
     int port = 0;
     if (relay.empty()) {
         return problem_with(problem, "HVN_RELAY_SERVER",
                             "not set; name the relay server as HOST or HOST:PORT");
     }
-    if (!parse_relay_server(relay, host, port)) {
+    if (parts.size() != 2 || parts[0].empty() || !parse_port(parts[1], 1, port)) {
         return problem_with(problem, "HVN_RELAY_SERVER",
                             "'" + relay + "' is not HOST or HOST:PORT (a port from 1 to 65535)");
     }
+    out.relay_host = parts[0];
+    out.relay_port = parts[1];
     if (value_of(env, "HVN_GRIDFTP_PATH").empty()) {
         return problem_with(problem, "HVN_GRIDFTP_PATH",
                             "not set; name the GridFTP server program to run for each transfer");
@@ -206,9 +203,8 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
     fill("HVN_APP_VERSION", std::string("relaytool-endpoint ") + RELAYTOOL_ENDPOINT_VERSION);
     fill("HVN_SSH_PATH", "/usr/bin/ssh");
     fill("HVN_PDEATH_PATH", RELAYTOOL_DEFAULT_PDEATH);
-    std::string etc = fill("HVN_GLOBAL_ETC_DIR", RELAYTOOL_DEFAULT_ETC_DIR);
-    while (etc.size() > 1 && etc.back() == '/') etc.pop_back();
-    tool["HVN_GLOBAL_ETC_DIR"] = etc;
+    tool["HVN_GLOBAL_ETC_DIR"] =
+        absolute(fill("HVN_GLOBAL_ETC_DIR", RELAYTOOL_DEFAULT_ETC_DIR), facts);
     out.tool_path = value_of(env, "RELAYTOOL_PATH");
     if (out.tool_path.empty()) out.tool_path = RELAYTOOL_DEFAULT_TOOL;
 
@@ -219,57 +215,61 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
             return problem_with(problem, "HVN_FTP_PORT",
                                 "'" + ftp + "' is not -1 (paused), 0 (own listener) or a port");
         }
-        const std::pair<const char*, double*> bounds[] = {
-            {"RELAYTOOL_BACKOFF_MIN", &out.backoff_min},
-            {"RELAYTOOL_BACKOFF_MAX", &out.backoff_max},
-        };
-        for (const auto& [name, bound] : bounds) {
-            std::string text = value_of(env, name);
-            if (!text.empty() && !parse_seconds(text, *bound)) {
-                return problem_with(
-                    problem, name,
-                    "'" + text + "' is not a number of seconds above 0 and at most 86400");
-            }
-        }
-        if (out.backoff_min > out.backoff_max) {
-            return problem_with(problem, "RELAYTOOL_BACKOFF_MIN",
-                                "larger than RELAYTOOL_BACKOFF_MAX");
-        }
     }
     for (const char* name : kNotForTheTool) tool.erase(name);
     out.tool_env = tool;
     return true;
 }
 
-bool check_settings_on_system(const Settings& settings, Command command, SettingProblem& problem) {
-    if (command == Command::Status) return true;
-    const EnvMap& env = settings.tool_env;
-    if (!check_program("RELAYTOOL_PATH", settings.tool_path, problem)) return false;
-    for (const char* name : {"HVN_PDEATH_PATH", "HVN_SSH_PATH", "HVN_GRIDFTP_PATH"}) {
-        if (!check_program(name, value_of(env, name), problem)) return false;
+Load load_settings(const std::string& env_file, Command command, char** envp, Settings& out,
+                   std::string& problem) {
+    SystemFacts facts = system_facts();
+    std::string path =
+        env_file.empty() ? default_env_file(environment_over_file(envp, {}), facts) : env_file;
+    std::string text;
+    Assignments file;
+    EnvFileError fault;
+    if (int err = path.empty() ? ENOENT : hvlib::try_read_file_contents(path, text); err != 0) {
+        if (!env_file.empty() || err != ENOENT) {  // the default file is optional
+            problem = hvlib::str_sprintf("cannot read the environment file %s: %s", path.c_str(),
+                                         hvlib::get_strerror_string(err).c_str());
+            std::string ignored;  // what the environment alone gives meanwhile: the back-off
+            resolve_settings(environment_over_file(envp, {}), command, facts, out, ignored);
+            return Load::NotReady;
+        }
+    } else if (!parse_env_file(text, file, fault)) {
+        problem = hvlib::str_sprintf("%s:%d: %s", path.c_str(), fault.line, fault.message.c_str());
+        return Load::Malformed;
     }
-    std::string key = value_of(env, "HVN_GLOBAL_ETC_DIR") + "/relay-anonymous.key";
-    std::string contents;
-    if (int err = hvlib::try_read_file_contents(key, contents); err != 0) {
-        return problem_with(problem, "HVN_GLOBAL_ETC_DIR",
-                            hvlib::str_sprintf("cannot read %s: %s", key.c_str(),
-                                               hvlib::get_strerror_string(err).c_str()));
-    }
+    EnvMap env = environment_over_file(envp, file);
+    return resolve_settings(env, command, facts, out, problem) ? Load::Ready : Load::Malformed;
+}
+
+bool config_dir_ready(const Settings& settings, std::string& problem) {
     const std::string& dir = settings.config_dir;
-    if (int err = make_private_dirs(dir); err != 0) {
-        return problem_with(problem, "HVN_CONFIG_DIR",
-                            hvlib::str_sprintf("cannot create %s: %s", dir.c_str(),
-                                               hvlib::get_strerror_string(err).c_str()));
-    }
-    if (access(dir.c_str(), W_OK | X_OK) != 0) {
-        return problem_with(problem, "HVN_CONFIG_DIR", dir + " is not a writable directory");
-    }
-    if (command == Command::Run && !hvlib::file_readable(dir + "/gridftp.conf")) {
-        return problem_with(
-            problem, "HVN_CONFIG_DIR",
-            "no readable gridftp.conf (the GridFTP server's configuration) in " + dir);
-    }
-    return true;
+    int err = make_private_dirs(dir);
+    if (err == 0 && access(dir.c_str(), W_OK | X_OK) != 0) err = errno;
+    if (err == 0) return true;
+    return problem_with(problem, "HVN_CONFIG_DIR",
+                        hvlib::str_sprintf("cannot use %s: %s", dir.c_str(),
+                                           hvlib::get_strerror_string(err).c_str()));
+}
+
+bool paths_ready(const Settings& settings, Command command, std::string& problem) {
+    const EnvMap& env = settings.tool_env;
+    std::string key = value_of(env, "HVN_GLOBAL_ETC_DIR") + "/relay-anonymous.key";
+    std::string conf = settings.config_dir + "/gridftp.conf";
+    bool run = command == Command::Run;  // setup runs no GridFTP server
+    return program_ready("RELAYTOOL_PATH", settings.tool_path, problem) &&
+           program_ready("HVN_PDEATH_PATH", value_of(env, "HVN_PDEATH_PATH"), problem) &&
+           program_ready("HVN_SSH_PATH", value_of(env, "HVN_SSH_PATH"), problem) &&
+           (!run ||
+            program_ready("HVN_GRIDFTP_PATH", value_of(env, "HVN_GRIDFTP_PATH"), problem)) &&
+           (hvlib::file_readable(key) ||
+            problem_with(problem, "HVN_GLOBAL_ETC_DIR", "cannot read " + key)) &&
+           (!run || hvlib::file_readable(conf) ||
+            problem_with(problem, "HVN_CONFIG_DIR",
+                         "no readable " + conf + " (the GridFTP server's configuration)"));
 }
 
 }  // namespace endpoint

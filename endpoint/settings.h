@@ -1,10 +1,14 @@
 // The settings of relaytool-endpoint and of the tool it runs: the process
-// environment, overlaid by the environment file, with defaults that leave an
-// operator only the relay server and the GridFTP server program to give.
+// environment over the environment file (the environment wins, as with
+// systemd's Environment= over EnvironmentFile=), an empty value counting as
+// unset, with defaults that leave only the relay server and the GridFTP
+// server program to give.
 #pragma once
 
 #include <map>
 #include <string>
+
+#include "envfile.h"
 
 namespace endpoint {
 
@@ -12,49 +16,44 @@ using EnvMap = std::map<std::string, std::string>;
 
 enum class Command { Setup, Run, Status };
 
-// Facts of the system that defaults come from; fixed by hand in tests.
+// Facts of the system that defaults come from.
 struct SystemFacts {
-    std::string os;          // the kernel's name, "Linux"
-    std::string os_version;  // the distribution and its version, or the kernel release
-    std::string user;        // login name of the effective user; empty if unknown
-    std::string home;        // that user's home, for when HOME is unset
-    std::string cwd;         // for relative paths
+    std::string os, os_version;  // "Linux"; os-release's PRETTY_NAME, or the kernel's release
+    std::string user, home;      // the effective user's name and home; empty if unknown
+    std::string cwd;             // for relative paths
 };
 
 SystemFacts system_facts();
 
-EnvMap environment_of(char** envp);
+// The environment with the file's assignments under it; no empty values.
+EnvMap environment_over_file(char** envp, const Assignments& file);
 
-// $XDG_CONFIG_HOME/relaytool/endpoint.env, ~/.config standing in for an unset
-// XDG_CONFIG_HOME; the file that is read when --env is not given.
+// $XDG_CONFIG_HOME/relaytool/endpoint.env (~/.config for an unset
+// XDG_CONFIG_HOME): the file read when --env is not given.
 std::string default_env_file(const EnvMap& env, const SystemFacts& facts);
 
 struct Settings {
     EnvMap tool_env;  // the tool's complete environment
-    std::string tool_path;
-    std::string config_dir;  // absolute, without a trailing "/"
-    double backoff_min = 1;
-    double backoff_max = 300;
+    std::string tool_path, config_dir, relay_host, relay_port;
+    double backoff_min = 1, backoff_max = 300;
 };
 
-// What is wrong with one setting: the variable's name and the fault.
-struct SettingProblem {
-    std::string name;
-    std::string message;
-};
-
-// Fills in the defaults and checks the form of every value; touches nothing.
+// Fills in the defaults and checks the form of every value. False, with
+// "NAME: fault" in `problem`, for a missing or malformed value.
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
-                      SettingProblem& problem);
+                      std::string& problem);
 
-// Checks that the programs, the anonymous key and the configuration
-// directory are usable, creating the directory (mode 0700) if it is missing.
-bool check_settings_on_system(const Settings& settings, Command command, SettingProblem& problem);
+enum class Load { Ready, Malformed, NotReady };
 
-// "host" or "host:port" with a port from 1 to 65535; false if malformed.
-bool parse_relay_server(const std::string& value, std::string& host, int& port);
+// Reads the environment file (`env_file`, or the default one if it exists)
+// and resolves the settings; NotReady: the named file cannot be read yet.
+Load load_settings(const std::string& env_file, Command command, char** envp, Settings& out,
+                   std::string& problem);
 
-// A decimal number of seconds, above 0 and at most Backoff::kLimitSeconds.
-bool parse_seconds(const std::string& text, double& seconds);
+// Whether the configuration directory (made with mode 0700 if missing), the
+// programs, the anonymous key and for `run` the GridFTP server's
+// configuration are there; false, with what may come later in `problem`.
+bool config_dir_ready(const Settings& settings, std::string& problem);
+bool paths_ready(const Settings& settings, Command command, std::string& problem);
 
 }  // namespace endpoint

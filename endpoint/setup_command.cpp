@@ -1,53 +1,112 @@
+#include <termios.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstring>
 
 #include "classify.h"
-#include "commands.h"
+#include "cli.h"
 #include "diag.h"
-#include "supervisor.h"
-#include "toolrun.h"
+#include "lock.h"
+#include "loop.h"
+#include "strutil.h"
+#include "tool.h"
 
 namespace endpoint {
 
-int run_setup(const Settings& settings, const std::string& code, int signal_fd) {
-    EnvMap env = settings.tool_env;
-    env["HVN_SETUP_CODE"] = code;
-    ToolProcess tool;
-    if (int err = spawn_tool(settings.tool_path, env, tool); err != 0) {
-        fprintf(stderr, "relaytool-endpoint: the endpoint is not set up: cannot start %s: %s\n",
-                settings.tool_path.c_str(), hvlib::get_strerror_string(err).c_str());
-        return 1;
-    }
-    FailureClassifier classifier;
-    ToolRunHandlers handlers;
-    // Setup mode has no status lines; anything on standard output is shown.
-    handlers.stdout_line = [](const std::string& line) {
-        fprintf(stderr, "tool (standard output): %s\n", line.c_str());
-    };
-    handlers.stderr_line = [&classifier](const std::string& line) {
-        fprintf(stderr, "tool: %s\n", line.c_str());
-        classifier.feed(line);
-    };
-    handlers.stop_requested = [](int sig) {
-        fprintf(stderr, "relaytool-endpoint: %s received; stopping the setup\n", signal_name(sig));
-    };
-    ToolRunOutcome outcome = ToolRun(signal_fd, tool, handlers).wait();
+namespace {
 
-    if (outcome.stop_signal != 0) {
-        fprintf(stderr, "relaytool-endpoint: the endpoint is not set up: interrupted by %s\n",
-                signal_name(outcome.stop_signal));
-        return 1;
+int fail(int status, const std::string& message) {
+    fprintf(stderr, "relaytool-endpoint: %s\n", message.c_str());
+    return status;
+}
+
+// The code is one line of standard input: never on a command line, where
+// every user could read it. On a terminal it is not echoed, and Ctrl-C is
+// read as a character that ends the input, so that the echo always comes
+// back.
+bool read_setup_code(std::string& code) {
+    termios saved{};
+    bool terminal = tcgetattr(0, &saved) == 0;
+    if (terminal) {
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
+        quiet.c_cc[VEOL] = '\003';  // Ctrl-C ends the line too
+        fputs("setup code: ", stderr);
+        fflush(stderr);  // line-buffered, and no line end yet
+        tcsetattr(0, TCSAFLUSH, &quiet);
     }
-    if (!outcome.end.signaled && outcome.end.value == 0) {
+    std::string line;
+    int c = 0;
+    while ((c = getchar()) != EOF && c != '\n' && c != '\003') line += static_cast<char>(c);
+    if (terminal) {
+        tcsetattr(0, TCSAFLUSH, &saved);
+        fputc('\n', stderr);
+    }
+    code = hvlib::strip(line);
+    return c != '\003' && !code.empty();
+}
+
+}  // namespace
+
+int run_setup(const CommandLine& cli, char** envp) {
+    Settings settings;
+    std::string problem, code;
+    const int not_ready = class_info(FailureClass::NotReady).exit_status;
+    if (load_settings(cli.env_file, Command::Setup, envp, settings, problem) != Load::Ready) {
+        return fail(2, problem);
+    }
+    if (!config_dir_ready(settings, problem)) return fail(not_ready, problem);
+    LockResult lock = take_config_lock(settings.config_dir, problem);
+    if (lock != LockResult::Taken) return fail(lock == LockResult::Held ? 4 : 1, problem);
+    if (!paths_ready(settings, Command::Setup, problem)) return fail(not_ready, problem);
+    if (!read_setup_code(code)) return fail(2, "no setup code on standard input");
+    settings.tool_env["HVN_SETUP_CODE"] = code;
+    if (cli.debug) settings.tool_env["HVN_DEBUG"] = "1";
+
+    Loop loop;
+    Tool tool;
+    FailureClassifier classifier;
+    ToolEnd end;
+    int interrupted = 0;
+    int err = loop.open(
+        [&](int sig) {
+            interrupted = sig;
+            tool.stop();
+        },
+        [&](pid_t pid, int status) {
+            if (tool.ended(pid, status, end)) loop.exit(0);
+        });
+    // Setup mode has no status lines; anything on standard output is shown.
+    auto show = [&classifier](const char* what, const std::string& line) {
+        fprintf(stderr, "tool%s: %s\n", what, line.c_str());
+        if (*what == '\0') classifier.feed(line);
+    };
+    if (err == 0) {
+        err = tool.start(
+            loop.event(), settings.tool_path, settings.tool_env,
+            [&](const std::string& l) { show(" (standard output)", l); },
+            [&](const std::string& l) { show("", l); });
+    }
+    if (err != 0) {
+        return fail(1, "the endpoint is not set up: cannot start " + settings.tool_path + ": " +
+                           hvlib::get_strerror_string(err));
+    }
+    loop.run();
+    if (interrupted != 0) {
+        return fail(1, hvlib::str_sprintf("the endpoint is not set up: interrupted by SIG%s",
+                                          sigabbrev_np(interrupted)));
+    }
+    if (!end.signaled && end.value == 0) {
         printf("relaytool-endpoint: the endpoint is set up; its credentials are in %s\n",
                settings.config_dir.c_str());
         return 0;
     }
-    Failure failure = classifier.finish(outcome.end, false);
+    Failure failure = classifier.finish(end, false);
     const ClassInfo& info = class_info(failure.cls);
-    std::string line = failure.line.empty() ? describe_end(failure.end) : failure.line;
-    fprintf(stderr, "relaytool-endpoint: the endpoint is not set up: %s, %s: %s\n", info.name,
-            info.description, line.c_str());
-    return info.exit_status;
+    std::string line = failure.line.empty() ? describe_end(end) : failure.line;
+    return fail(info.exit_status, hvlib::str_sprintf("the endpoint is not set up: %s, %s: %s",
+                                                     info.name, info.description, line.c_str()));
 }
 
 }  // namespace endpoint

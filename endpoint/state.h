@@ -1,5 +1,7 @@
-// The supervisor's state as people and scripts see it: one line for the
-// journal and the service manager, and a JSON object in the state file.
+// The supervisor's state as people and scripts see it, made known at every
+// change: a line on standard error (for the journal), the service manager's
+// STATUS= (systemd's notification protocol, sent only if it set
+// NOTIFY_SOCKET), and a JSON object in the state file, replaced whole.
 #pragma once
 
 #include <chrono>
@@ -11,12 +13,9 @@ using WallClock = std::chrono::system_clock;
 
 enum class Phase { Starting, Connected, Idle, Active, Paused, Waiting, Stopping, Stopped };
 
-const char* phase_name(Phase phase);
-
 struct FailureRecord {
-    std::string cls;   // the class's name
-    std::string line;  // the tool's line that showed it, or empty
-    std::string end;   // "exit status 1", "signal 9 (Killed)"
+    std::string cls, line,
+        end;  // the class's name, the tool's line that showed it, "exit status 1"
     WallClock::time_point at;
 };
 
@@ -24,28 +23,44 @@ struct EndpointState {
     Phase phase = Phase::Starting;
     int workers = 0;
     WallClock::time_point since;
-    int restarts = 0;  // tool starts after a failure, since the supervisor started
+    int restarts = 0;  // tool starts after the first
     bool has_failure = false;
     FailureRecord last_failure;
-    bool has_next_attempt = false;  // while waiting
+    bool has_next_attempt = false;  // while waiting for a back-off
     WallClock::time_point next_attempt;
-    double delay = 0;          // the back-off in force while waiting, seconds
-    std::string reason;        // why it stops or stopped
-    int exit_status = -1;      // once stopped: relaytool-endpoint's own exit status
-    long pid = 0;              // relaytool-endpoint's
-    long tool_pid = 0;         // the tool's, while one runs
-    std::string display_name;  // the endpoint as the relay names it, decoded
-    std::string web_url;
+    double delay = 0;      // the back-off in force while waiting, seconds
+    std::string reason;    // why the tool starts again, what we wait for, why we stop
+    int exit_status = -1;  // once stopped
+    long pid = 0, tool_pid = 0;
+    std::string display_name, web_url;  // as the relay sent them, decoded
     std::string config_dir;
 };
 
-// "2024-05-01T12:00:00.250Z"
-std::string iso_time(WallClock::time_point t);
+std::string iso_time(WallClock::time_point t);  // "2024-05-01T12:00:00.250Z"
 
 // One line, for standard error and the service manager's STATUS.
 std::string describe(const EndpointState& state);
 
 // The state file's contents: one JSON object and a line end.
 std::string to_json(const EndpointState& state);
+
+std::string state_file(const std::string& config_dir);
+
+class StateRecorder {
+public:
+    // From now on the state also goes to the state file in `config_dir`;
+    // only once this process holds the directory.
+    void write_into(const std::string& config_dir) { m_path = state_file(config_dir); }
+
+    // The first record also tells the service manager that we are ready,
+    // the first in Stopping or Stopped that we are stopping.
+    void record(EndpointState& state);
+
+private:
+    std::string m_path;
+    bool m_ready_sent = false, m_stopping_sent = false, m_write_failed = false;
+    Phase m_last_phase = Phase::Starting;
+    int m_last_workers = -1;
+};
 
 }  // namespace endpoint

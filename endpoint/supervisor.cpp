@@ -1,205 +1,332 @@
-#include "supervisor.h"
-
-#include <poll.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <random>
+#include <vector>
 
 #include "backoff.h"
 #include "classify.h"
+#include "cli.h"
 #include "diag.h"
 #include "keyvalues.h"
-#include "launch.h"
-#include "recorder.h"
-#include "signals.h"
+#include "lock.h"
+#include "loop.h"
 #include "state.h"
 #include "strutil.h"
-#include "toolrun.h"
+#include "tool.h"
+#include "watch.h"
 
 namespace endpoint {
 
-const char* signal_name(int sig) {
-    switch (sig) {
-        case SIGTERM:
-            return "SIGTERM";
-        case SIGINT:
-            return "SIGINT";
-        case SIGHUP:
-            return "SIGHUP";
-        default:
-            return "a signal";
-    }
-}
-
-int wait_for_stop(int signal_fd, long long ms) {
-    long long until = now_ms() + ms;
-    for (;;) {
-        long long left = until - now_ms();
-        if (left <= 0) return 0;
-        pollfd p = {signal_fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(std::min(left, 60000LL))) > 0) {
-            for (int sig : take_signals(signal_fd)) {
-                if (is_stop_signal(sig)) return sig;
-            }
-        }
-    }
-}
-
 namespace {
+
+// On a stop the GridFTP workers get SIGTERM and this long before SIGKILL.
+constexpr long long kWorkerGraceMs = 10000;
+
+long long now_ms() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+void note(const std::string& text) { fprintf(stderr, "relaytool-endpoint: %s\n", text.c_str()); }
 
 class Supervisor {
 public:
-    Supervisor(const Settings& settings, int signal_fd)
-        : m_settings(settings),
-          m_signal_fd(signal_fd),
-          m_recorder(StateRecorder::state_file(settings.config_dir)),
-          m_backoff(settings.backoff_min, settings.backoff_max),
-          m_random(std::random_device{}()) {
+    Supervisor(const CommandLine& cli, char** envp) : m_cli(cli), m_envp(envp) {
         m_state.pid = getpid();
-        m_state.config_dir = settings.config_dir;
     }
 
     int run() {
-        for (;;) {
-            Failure failure;
-            int stop_signal = run_tool_once(failure);
-            if (stop_signal != 0) return stop(stop_signal);
-            const ClassInfo& info = class_info(failure.cls);
-            m_state.has_failure = true;
-            m_state.last_failure = {info.name, failure.line, describe_end(failure.end),
-                                    WallClock::now()};
-            m_state.workers = 0;
-            m_state.tool_pid = 0;
-            if (!info.retry) return give_up(info);
-
-            double delay = m_backoff.next(std::uniform_real_distribution<double>(0, 1)(m_random));
-            auto delay_ms = static_cast<long long>(delay * 1000);
-            m_state.phase = Phase::Waiting;
-            m_state.delay = delay;
-            m_state.has_next_attempt = true;
-            m_state.next_attempt = WallClock::now() + std::chrono::milliseconds(delay_ms);
-            m_recorder.record(m_state);
-            stop_signal = wait_for_stop(m_signal_fd, delay_ms);
-            m_state.has_next_attempt = false;
-            if (stop_signal != 0) return stop(stop_signal);
-            ++m_state.restarts;
+        if (int err = m_loop.open([this](int sig) { stop(sig); },
+                                  [this](pid_t pid, int status) { child_ended(pid, status); })) {
+            note("cannot set up the event loop: " + hvlib::get_strerror_string(err));
+            return 1;
         }
+        Load settings = load();
+        if (settings == Load::Malformed) return 2;
+        // The workers that outlive a tool become ours, to end and to reap.
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        std::string why;
+        if (!m_network.open(
+                m_loop.event(), [this] { network_changed(); }, why)) {
+            note(why + "; address and route changes are not followed");
+        }
+        auto slept = [this](bool asleep) {
+            asleep ? note("the computer is going to sleep") : restart("the computer has resumed");
+        };
+        if (!m_sleep.open(m_loop.event(), slept, why)) {
+            note(why + "; sleep and resume are not followed");
+        }
+        if (settings == Load::Ready) start();  // otherwise after the back-off
+        return m_loop.run();
     }
 
 private:
-    // One run of the tool; the stop signal that ended it, or 0 and what
-    // went wrong.
-    int run_tool_once(Failure& failure) {
-        ToolProcess tool;
-        if (int err = spawn_tool(m_settings.tool_path, m_settings.tool_env, tool); err != 0) {
-            // Perhaps the tool is being replaced by an upgrade: worth a retry.
-            failure.cls = FailureClass::SystemCall;
-            failure.line = hvlib::str_sprintf("cannot start %s: %s", m_settings.tool_path.c_str(),
-                                              hvlib::get_strerror_string(err).c_str());
-            failure.end = ToolEnd{false, 127};
-            fprintf(stderr, "relaytool-endpoint: %s\n", failure.line.c_str());
-            return 0;
+    // The settings, read once they can be; a malformed one ends us.
+    Load load() {
+        std::string problem;
+        Load result = load_settings(m_cli.env_file, Command::Run, m_envp, m_settings, problem);
+        m_backoff.limits(m_settings.backoff_min, m_settings.backoff_max);
+        if (result == Load::Malformed) {
+            note(problem);
+            m_loop.exit(2);
+        } else if (result == Load::NotReady) {
+            failed({FailureClass::NotReady, problem, {}});
+        } else {
+            if (m_cli.debug) m_settings.tool_env["HVN_DEBUG"] = "1";
+            m_route = std::make_unique<RelayRoute>(m_settings.relay_host, m_settings.relay_port);
+            m_state.config_dir = m_settings.config_dir;
         }
-        m_state.phase = Phase::Starting;
-        m_state.workers = 0;
-        m_state.tool_pid = tool.pid;
-        m_recorder.record(m_state);
-
-        FailureClassifier classifier;
-        long long connected_at = -1;
-        ToolRunHandlers handlers;
-        handlers.stdout_line = [this, &connected_at](const std::string& line) {
-            if (status_line(line) && m_state.phase == Phase::Connected) connected_at = now_ms();
-        };
-        handlers.stderr_line = [&classifier](const std::string& line) {
-            fprintf(stderr, "tool: %s\n", line.c_str());
-            classifier.feed(line);
-        };
-        handlers.stop_requested = [this](int sig) {
-            m_state.phase = Phase::Stopping;
-            m_state.reason = hvlib::str_sprintf("%s received; closing the tool's standard input",
-                                                signal_name(sig));
-            m_recorder.record(m_state);
-        };
-        ToolRunOutcome outcome = ToolRun(m_signal_fd, tool, handlers).wait();
-        if (outcome.stop_signal != 0) return outcome.stop_signal;
-
-        double connected_seconds =
-            connected_at < 0 ? 0 : static_cast<double>(now_ms() - connected_at) / 1000;
-        m_backoff.connection_lasted(connected_seconds);
-        failure = classifier.finish(outcome.end, connected_at >= 0);
-        return 0;
+        return result;
     }
 
-    // Applies one line of the tool's standard output; false if it is not a
-    // status line. Status lines are "RELAYTOOL=1 status=..." records of
-    // key=value tokens, as in the relay protocol.
-    bool status_line(const std::string& line) {
+    // What must hold before every start: the settings, the configuration
+    // directory to ourselves, and the paths the settings name.
+    bool prepared() {
+        std::string problem;
+        if (!m_route && load() != Load::Ready) return false;
+        if (!m_locked && config_dir_ready(m_settings, problem)) {
+            LockResult lock = take_config_lock(m_settings.config_dir, problem);
+            if (lock == LockResult::Held) {
+                note(problem);
+                m_loop.exit(4);
+                return false;
+            }
+            m_locked = lock == LockResult::Taken;
+            if (m_locked) m_recorder.write_into(m_settings.config_dir);
+        }
+        if (m_locked) paths_ready(m_settings, Command::Run, problem);
+        if (!problem.empty()) failed({FailureClass::NotReady, problem, {}});
+        return problem.empty();
+    }
+
+    void start() {
+        m_retry.cancel();
+        m_state.has_next_attempt = false;
+        if (!prepared()) return;
+        // (The GridFTP server's configuration gets prepared here, before each start.)
+        std::string local;
+        if (m_network.active() && m_route->local_address(local) == Route::None) {
+            // a start would fail for certain: wait for the kernel's news
+            set_phase(Phase::Waiting, "for a route to the relay (" + m_settings.relay_host + ")");
+            return;
+        }
+        m_tunnel_local = local;
+        m_classifier = FailureClassifier();
+        m_connected_at = -1;
+        int err = m_tool.start(
+            m_loop.event(), m_settings.tool_path, m_settings.tool_env,
+            [this](const std::string& line) { status_line(line); },
+            [this](const std::string& line) {
+                fprintf(stderr, "tool: %s\n", line.c_str());
+                m_classifier.feed(line);
+            });
+        if (err != 0) {  // perhaps the tool is being replaced by an upgrade
+            failed({FailureClass::SystemCall,
+                    "cannot start " + m_settings.tool_path + ": " + hvlib::get_strerror_string(err),
+                    {false, 127}});
+            return;
+        }
+        if (m_started) ++m_state.restarts;
+        m_started = true;
+        m_state.tool_pid = m_tool.pid();
+        m_state.workers = 0;
+        set_phase(Phase::Starting, m_start_reason);
+        m_start_reason.clear();
+    }
+
+    bool waiting_for_route() const { return m_state.phase == Phase::Waiting && !m_retry.armed(); }
+
+    // One line of the tool's standard output: "RELAYTOOL=1 status=..."
+    // records of key=value tokens, as in the relay protocol.
+    void status_line(const std::string& line) {
         if (line.compare(0, 12, "RELAYTOOL=1 ") != 0) {
-            fprintf(stderr, "tool (standard output): %s\n", line.c_str());
-            return false;
+            return (void)fprintf(stderr, "tool (standard output): %s\n", line.c_str());
         }
         hvlib::KeyValues record(line);
         std::string status = record.get("status", "");
+        m_state.workers = 0;
         if (status == "CONNECTED") {
-            m_state.phase = Phase::Connected;
+            m_connected_at = now_ms();
             m_state.display_name = hvlib::url_decode(record.get("ep_display_name", ""));
             m_state.web_url = hvlib::url_decode(record.get("web_ux_url", ""));
-            m_state.workers = 0;
-        } else if (status == "IDLE") {
-            m_state.phase = Phase::Idle;
-            m_state.workers = 0;
+            m_route->resolve();  // the relay's name resolves now
+            if (m_tunnel_local.empty()) m_route->local_address(m_tunnel_local);
+            set_phase(Phase::Connected);
+        } else if (status == "IDLE" || status == "PAUSED") {
+            set_phase(status == "IDLE" ? Phase::Idle : Phase::Paused);
         } else if (status == "ACTIVE") {
-            m_state.phase = Phase::Active;
             m_state.workers = atoi(record.get("nr_workers", "0").c_str());
-        } else if (status == "PAUSED") {
-            m_state.phase = Phase::Paused;
-            m_state.workers = 0;
+            set_phase(Phase::Active);
         } else {
             fprintf(stderr, "tool: status not understood: %s\n", line.c_str());
-            return false;
         }
-        m_recorder.record(m_state);
-        return true;
+        if (m_stopping) workers_ended();
     }
 
-    int stop(int sig) {
-        m_state.phase = Phase::Stopped;
-        m_state.workers = 0;
+    void set_phase(Phase phase, const std::string& reason = "") {
+        m_state.phase = phase;
+        m_state.reason = reason;
+        m_recorder.record(m_state);
+    }
+
+    void child_ended(pid_t pid, int status) {
+        ToolEnd end;
+        if (m_tool.ended(pid, status, end)) tool_ended(end);
+        if (!m_stopping) return;
+        workers_ended();
+        if (!m_grace.armed() && !m_tool.running() && !children_left()) finish();
+    }
+
+    void tool_ended(const ToolEnd& end) {
         m_state.tool_pid = 0;
-        m_state.reason = hvlib::str_sprintf("on request (%s)", signal_name(sig));
-        m_state.exit_status = 0;
-        m_recorder.record(m_state);
-        return 0;
+        m_state.workers = 0;
+        m_backoff.connection_lasted(
+            m_connected_at < 0 ? 0 : static_cast<double>(now_ms() - m_connected_at) / 1000);
+        if (m_stopping) {
+            if (!m_grace.armed()) kill_workers();
+        } else if (!m_restart_reason.empty()) {
+            m_start_reason.swap(m_restart_reason);
+            m_restart_reason.clear();
+            start();
+        } else {
+            failed(m_classifier.finish(end, m_connected_at >= 0));
+        }
     }
 
-    int give_up(const ClassInfo& info) {
-        m_state.phase = Phase::Stopped;
-        m_state.reason = hvlib::str_sprintf("%s: %s (exit status %d)", info.name, info.description,
-                                            info.exit_status);
-        if (!m_state.last_failure.line.empty()) m_state.reason += ": " + m_state.last_failure.line;
-        m_state.exit_status = info.exit_status;
-        m_recorder.record(m_state);
-        return info.exit_status;
+    // A start failed or a run of the tool ended on its own: stop for good,
+    // or wait for the back-off of its class.
+    void failed(const Failure& failure) {
+        const ClassInfo& info = class_info(failure.cls);
+        bool ran = failure.cls != FailureClass::NotReady;
+        std::string line = failure.line.empty() ? "" : ": " + failure.line;
+        m_state.has_failure = true;
+        m_state.last_failure = {info.name, failure.line, ran ? describe_end(failure.end) : "",
+                                WallClock::now()};
+        if (info.final) {
+            return shut_down(info.exit_status,
+                             hvlib::str_sprintf("%s: %s (exit status %d)", info.name,
+                                                info.description, info.exit_status) +
+                                 line);
+        }
+        double delay =
+            m_backoff.next(std::uniform_real_distribution<double>(0, 1)(m_random), info.backoff);
+        auto delay_ms = static_cast<long long>(delay * 1000);
+        m_state.delay = delay;
+        m_state.has_next_attempt = true;
+        m_state.next_attempt = WallClock::now() + std::chrono::milliseconds(delay_ms);
+        set_phase(Phase::Waiting, ran ? "to reconnect after " + std::string(info.name) + line
+                                      : "for " + failure.line);
+        m_retry.after(m_loop.event(), delay_ms, [this] { start(); });
     }
 
-    const Settings& m_settings;
-    int m_signal_fd;
+    // Starts the tool again at once, once it has ended if it runs.
+    void restart(const std::string& why) {
+        if (m_stopping) return;
+        note(why);
+        if (m_tool.running()) {
+            if (m_restart_reason.empty()) m_tool.stop();
+            m_restart_reason = why;
+        } else if (m_retry.armed() || waiting_for_route()) {
+            m_start_reason = why;
+            start();
+        }
+    }
+
+    // A burst of address or route changes has settled.
+    void network_changed() {
+        std::string local;
+        Route route = m_route ? m_route->local_address(local) : Route::Unknown;
+        if (route == Route::None && (m_tool.running() || m_retry.armed())) {
+            restart("no route to the relay any more");
+        } else if (route == Route::Known && waiting_for_route()) {
+            restart("a route to the relay is back (local address " + local + ")");
+        } else if (route == Route::Known && local != m_tunnel_local && !waiting_for_route()) {
+            restart("the local address for the relay changed from " +
+                    (m_tunnel_local.empty() ? "none" : m_tunnel_local) + " to " + local);
+        }
+    }
+
+    void stop(int sig) {
+        if (!m_stopping) {
+            return shut_down(0, hvlib::str_sprintf("on request (SIG%s)", sigabbrev_np(sig)));
+        }
+        m_grace.cancel();  // asked twice: no more waiting
+        m_tool.stop(true);
+        kill_workers();
+    }
+
+    // Stops in three steps. The GridFTP workers get SIGTERM and a grace
+    // time to end their transfers while the tunnel still carries them (the
+    // tool never ends them, and they outlive it); then the tool is stopped
+    // its own way, which takes ssh with it; what is left then is killed.
+    void shut_down(int exit_status, const std::string& reason) {
+        m_stopping = true;
+        m_state.exit_status = exit_status;
+        m_retry.cancel();
+        m_state.has_next_attempt = false;
+        set_phase(Phase::Stopping, reason);
+        std::vector<pid_t> workers = workers_of(getpid());  // those that outlived a tool
+        if (m_tool.running()) {
+            for (pid_t worker : workers_of(m_tool.pid())) workers.push_back(worker);
+        }
+        for (pid_t worker : workers) kill(worker, SIGTERM);
+        m_grace.after(m_loop.event(), kWorkerGraceMs, [this] { stop_tool(); });
+        workers_ended();
+    }
+
+    // During the grace time, after each status line and each child's end.
+    void workers_ended() {
+        if (m_grace.armed() && m_state.workers == 0 && workers_of(getpid()).empty()) stop_tool();
+    }
+
+    void stop_tool() {
+        m_grace.cancel();
+        if (!m_tool.running()) return kill_workers();
+        m_tool.stop();  // then kill_workers() once it has ended
+    }
+
+    void kill_workers() {
+        for (pid_t worker : workers_of(getpid())) kill(worker, SIGKILL);
+        if (!m_tool.running() && !children_left()) finish();
+    }
+
+    void finish() {
+        if (m_state.phase == Phase::Stopped) return;
+        m_state.tool_pid = 0;
+        m_state.workers = 0;
+        set_phase(Phase::Stopped, m_state.reason);
+        m_loop.exit(m_state.exit_status);
+    }
+
+    const CommandLine& m_cli;
+    char** m_envp;
+    Settings m_settings;
+    Loop m_loop;
+    Tool m_tool;
+    NetworkWatch m_network;
+    SleepWatch m_sleep;
+    std::unique_ptr<RelayRoute> m_route;  // once the settings are known
     StateRecorder m_recorder;
-    Backoff m_backoff;
-    std::mt19937_64 m_random;
+    Backoff m_backoff{1, 300};
+    std::mt19937_64 m_random{std::random_device{}()};
     EndpointState m_state;
+    FailureClassifier m_classifier;
+    Source m_retry, m_grace;
+    std::string m_tunnel_local;  // the local address to the relay when the tool started
+    std::string m_start_reason, m_restart_reason;
+    long long m_connected_at = -1;
+    bool m_started = false, m_locked = false, m_stopping = false;
 };
 
 }  // namespace
 
-int run_supervisor(const Settings& settings, int signal_fd) {
-    return Supervisor(settings, signal_fd).run();
-}
+int run_supervisor(const CommandLine& cli, char** envp) { return Supervisor(cli, envp).run(); }
 
 }  // namespace endpoint

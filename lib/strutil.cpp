@@ -118,6 +118,12 @@ StringList split(const std::string& s, const std::string& sep, int32_t limit) {
     return fields;
 }
 
+StringList split_relay_server(const std::string& value) {
+    std::string server = strip(value);
+    if (server.find(':') == std::string::npos) return {server, "2223"};
+    return split(server, ":", -1);
+}
+
 std::string backslash_escape(const std::string& s) {
     std::string result;
     for (unsigned char c : s) {

@@ -37,6 +37,12 @@ bool endswith(const char* text, const char* suffix);
 // ones included. limit is accepted for compatibility and has no effect.
 StringList split(const std::string& s, const std::string& sep, int32_t limit);
 
+// The relay server's address as HVN_RELAY_SERVER gives it: "host" or
+// "host:port", blanks around it ignored. Gives host and port text ("2223"
+// when no port is named); a value with more than one ':' gives all the
+// pieces of its split, so that the caller sees more than two.
+StringList split_relay_server(const std::string& value);
+
 // A printable rendering of every byte: \\ \t \n \r, and \xNN for the rest.
 std::string backslash_escape(const std::string& s);
 

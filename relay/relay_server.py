@@ -212,6 +212,7 @@ DEFAULTS = {
     "web_url": "https://relay.example/ep?id={id}",   # {id}: the client id
     "idle_timeout": 120.0,    # seconds to wait for each request before login
     "challenge": "hex",       # hex | base64url | percent (see make_challenge)
+    "error_after_login": "",  # if set, ERROR_S with this text right after LOGIN_S
 }
 
 
@@ -494,6 +495,8 @@ class Conversation:
                 raise ProtocolError("the login after an upgrade must use the "
                                     "new id %s, not %s" % (new_id, req["id"]))
         self.login(req)
+        if self.settings["error_after_login"]:  # the relay's own trouble, for tests
+            raise ProtocolError(self.settings["error_after_login"])
         self.heartbeats()
 
     # -- transport

@@ -105,6 +105,10 @@ for program in usr/libexec/relaytool/relaytool usr/libexec/relaytool/pdeath usr/
   bash tests/check_hardening.sh $([[ $program == */pdeath ]] && echo --no-canary) "$unpacked/$program" |
     sed 's/^/     /' || fail "hardening of /$program"
 done
+# Debian's policy: every program in /usr/bin has its page in section 1.
+for program in "$unpacked"/usr/bin/*; do
+  [[ -e $unpacked/usr/share/man/man1/$(basename "$program").1.gz ]] || fail "no section 1 page for /usr/bin/$(basename "$program")"
+done
 while read -r _ key _; do  # the base64 field of each test key line
   if grep -qF "$key" "$unpacked/usr/libexec/relaytool/relaytool"; then
     fail "the shipped tool trusts a test relay key"

@@ -25,16 +25,10 @@ std::string require_env(const char* name) {
 
 // "host" or "host:port"; the port defaults to 2223.
 void parse_relay_server(const std::string& value, RelayConfig& config) {
-    std::string server = hvlib::strip(value);
-    std::string port = "2223";
-    if (server.find(':') != std::string::npos) {
-        hvlib::StringList parts = hvlib::split(server, ":", -1);
-        HV_PRECONDITION(parts.size() == 2, "src/main", 71);
-        server = parts[0];
-        port = parts[1];
-    }
-    config.relay_server = server;
-    config.relay_port = atoi(port.c_str());
+    hvlib::StringList parts = hvlib::split_relay_server(value);
+    HV_PRECONDITION(parts.size() == 2, "src/main", 71);
+    config.relay_server = parts[0];
+    config.relay_port = atoi(parts[1].c_str());
 }
 
 }  // namespace

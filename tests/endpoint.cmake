@@ -1,8 +1,10 @@
 # Tests of relaytool-endpoint (tests/endpoint/): GoogleTest units of its pure
-# logic, process-level tests with a stand-in tool, and end-to-end tests
-# through the local relay (Debian's sshd on loopback, the reference relay,
-# the real tool, watcher and ssh). The end-to-end ones need root and report
-# themselves as skipped without it. Included from tests/CMakeLists.txt.
+# logic, process-level tests with a stand-in tool, end-to-end tests through
+# the local relay (Debian's sshd, the reference relay, the real tool,
+# watcher and ssh), also across network namespaces with a private system
+# bus, and systemd's own check of the user unit. The end-to-end ones need
+# root and report themselves as skipped without it. Included from
+# tests/CMakeLists.txt.
 if(NOT TARGET relaytool-endpoint)
   return()
 endif()
@@ -34,3 +36,20 @@ add_test(NAME endpoint_end_to_end
 set_tests_properties(endpoint_end_to_end PROPERTIES
   ENVIRONMENT "${endpoint_env}" LABELS "endpoint;e2e" TIMEOUT 300
   SKIP_REGULAR_EXPRESSION "real end-to-end tests skipped")
+
+add_test(NAME endpoint_network
+         COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/endpoint/test_endpoint_network.py -v)
+set_tests_properties(endpoint_network PROPERTIES
+  ENVIRONMENT "${endpoint_env}" LABELS "endpoint;e2e" TIMEOUT 300
+  SKIP_REGULAR_EXPRESSION "tests skipped because")
+
+# The unit as installed, with the program it names at its place in the build.
+find_program(SYSTEMD_ANALYZE systemd-analyze)
+if(SYSTEMD_ANALYZE)
+  add_test(NAME endpoint_unit_file
+           COMMAND sh -c "d=$(mktemp -d) && sed \"s|^ExecStart=[^ ]*|ExecStart=$1|\" \"$2\" >$d/relaytool-endpoint.service && XDG_RUNTIME_DIR=$d \"$0\" --user --man=no verify $d/relaytool-endpoint.service; rc=$?; rm -r $d; exit $rc"
+                   ${SYSTEMD_ANALYZE} $<TARGET_FILE:relaytool-endpoint>
+                   ${PROJECT_BINARY_DIR}/endpoint/relaytool-endpoint.service)
+  set_tests_properties(endpoint_unit_file PROPERTIES LABELS endpoint TIMEOUT 60
+                       FAIL_REGULAR_EXPRESSION "[^ ]")
+endif()

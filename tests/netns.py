@@ -108,6 +108,10 @@ class Lab:
         """Gives ns's end of the link a new address in place of the old."""
         _run([IP, "-n", ns, "addr", "add", "%s/%d" % (address, PREFIX),
               "dev", self.device])
+        # Without this the kernel deletes the new address (a secondary one
+        # in the same subnet) together with the old primary.
+        _run(self.argv(ns, ["sysctl", "-qw", "net.ipv4.conf.%s.promote_secondaries=1"
+                            % self.device]))
         _run([IP, "-n", ns, "addr", "del",
               "%s/%d" % (self.addresses[ns], PREFIX), "dev", self.device])
         self.addresses[ns] = address

@@ -11,12 +11,14 @@ Anything else, other arguments, a non-blocking connection or descriptors
 besides 0, 1 and 2 (a real inetd-mode server would misbehave with either)
 get "ERR <reason>" and exit status 2.  After answering it keeps the
 connection until the client closes it, so that the client decides how long
-the worker runs.  It reports on stderr (the tool copies it as [ftp stderr]).
+the worker runs; a SIGTERM ends it with status 0, leaving an empty file
+serve_dir/terminated-<pid>.  It reports on stderr (the tool copies it as [ftp stderr]).
 """
 
 import fcntl
 import hashlib
 import os
+import signal
 import sys
 
 conn, out = sys.stdin.buffer, sys.stdout.buffer
@@ -50,6 +52,9 @@ extra = [fd for fd in extra if os.path.exists("/proc/self/fd/%d" % fd)]
 if extra:
     fail("inherited descriptors %s besides 0, 1, 2" % extra)
 root = serve_dir(sys.argv[1:])
+# A SIGTERM leaves a mark in serve_dir, so that a test sees how it ended.
+signal.signal(signal.SIGTERM, lambda *_: sys.exit(
+    open(os.path.join(root, "terminated-%d" % os.getpid()), "w").close()))
 words = conn.readline().decode("ascii", "replace").split()
 if len(words) == 2 and words[0] == "GET":
     try:

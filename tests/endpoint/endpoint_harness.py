@@ -15,15 +15,15 @@ import time
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
-ENDPOINT, TESTRELAY_TOOL, DEFAULT_TOOL, PDEATH = (
+sys.path.insert(0, os.path.join(REPO, "relay"))
+import sshd_fixture  # noqa: E402
+ENDPOINT, TESTRELAY_TOOL, PDEATH = (
     os.environ.get(var, os.path.join(REPO, "build", path)) for var, path in (
         ("RELAYTOOL_ENDPOINT_BIN", "endpoint/relaytool-endpoint"),
         ("RELAYTOOL_TESTRELAY_BIN", "tests/relaytool-testrelay"),
-        ("RELAYTOOL_BIN", "src/relaytool"),
         ("PDEATH_BIN", "pdeath/pdeath")))
 STANDIN_TOOL = os.path.join(HERE, "standin_tool.py")
 STANDIN_WORKER = os.path.join(REPO, "tests", "e2e", "standin_worker.py")
-ANON_KEY = os.path.join(REPO, "tests", "keys", "anonymous.key")
 WAIT = 30  # seconds; the machine is shared and noisy
 
 
@@ -65,24 +65,19 @@ class Workspace:
     configuration directory with a gridftp.conf, all in one temporary
     directory removed at the end of the test."""
 
-    def __init__(self, test, config_name="config dir"):
+    def __init__(self, test):
         self.root = tempfile.mkdtemp(prefix="relaytool-endpoint-")
         test.addCleanup(shutil.rmtree, self.root, True)
         test.addCleanup(self.kill_leftovers)
-        self.home = self.mkdir("home")
-        self.etc_dir = self.mkdir("etc")
-        self.serve_dir = self.mkdir("files")
-        self.config_dir = os.path.join(self.root, config_name)
-        os.mkdir(self.config_dir, 0o700)
-        shutil.copyfile(ANON_KEY, os.path.join(self.etc_dir, "relay-anonymous.key"))
+        self.home, self.etc_dir, self.serve_dir, self.config_dir = (
+            os.path.join(self.root, name) for name in ("home", "etc", "files", "config dir"))
+        for path in (self.home, self.etc_dir, self.serve_dir, self.config_dir):
+            os.mkdir(path, 0o700)
+        shutil.copyfile(os.path.join(REPO, "tests", "keys", "anonymous.key"),
+                        os.path.join(self.etc_dir, "relay-anonymous.key"))
         with open(self.path("gridftp.conf"), "w") as f:
             f.write("serve_dir = %s\n" % self.serve_dir)
         self.runs = []
-
-    def mkdir(self, name):
-        path = os.path.join(self.root, name)
-        os.mkdir(path)
-        return path
 
     def path(self, name):
         return os.path.join(self.config_dir, name)
@@ -92,28 +87,24 @@ class Workspace:
         arguments add to it, None removes."""
         env = dict(PATH="/usr/bin:/bin", HOME=self.home, LANG="C.UTF-8",
                    HVN_GRIDFTP_PATH=STANDIN_WORKER, HVN_PDEATH_PATH=PDEATH,
-                   HVN_GLOBAL_ETC_DIR=self.etc_dir,
-                   HVN_CONFIG_DIR=self.config_dir,
-                   RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4")
+                   HVN_GLOBAL_ETC_DIR=self.etc_dir, HVN_CONFIG_DIR=self.config_dir,
+                   RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4",
+                   # no system bus unless a test brings its own
+                   DBUS_SYSTEM_BUS_ADDRESS="unix:path=%s/no-bus" % self.root)
         # sanitizer settings reach the sanitized programs
         env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
-        for key, value in settings.items():
-            if value is None:
-                env.pop(key, None)
-            else:
-                env[key] = value
-        return env
+        env.update(settings)
+        return {k: v for k, v in env.items() if v is not None}
 
-    def command(self, *args, env=None, timeout=WAIT):
+    def command(self, *args, env=None, input="", prefix=()):
         """Runs relaytool-endpoint to its end: (status, stdout, stderr)."""
-        p = subprocess.run([ENDPOINT] + list(args), env=env or self.env(),
-                           stdin=subprocess.DEVNULL, capture_output=True,
-                           text=True, timeout=timeout)
+        p = subprocess.run(list(prefix) + [ENDPOINT] + list(args), env=env or self.env(),
+                           input=input, capture_output=True, text=True, timeout=WAIT)
         return p.returncode, p.stdout, p.stderr
 
-    def status(self, env=None):
+    def status(self):
         """`status --json`: (exit status, the object)."""
-        rc, out, err = self.command("status", "--json", env=env)
+        rc, out, err = self.command("status", "--json")
         lines = out.splitlines()
         if len(lines) != 1:
             raise AssertionError("status --json printed %r, stderr %r" % (out, err))
@@ -127,8 +118,10 @@ class Workspace:
         except FileNotFoundError:
             return {}
 
-    def start(self, *args, env=None, **popen):
-        run = Run(self, list(args), env or self.env(), **popen)
+    def start(self, *args, env=None, prefix=(), **popen):
+        """relaytool-endpoint in the background; `prefix` goes before it
+        (such as `ip netns exec NS`)."""
+        run = Run(self, list(prefix), list(args), env or self.env(), **popen)
         self.runs.append(run)
         return run
 
@@ -144,17 +137,52 @@ class Workspace:
                 pass
 
 
+class RelayWorkspace(Workspace):
+    """A workspace for the real tool through a local relay (`fixture`, a
+    started sshd_fixture.RelayFixture)."""
+
+    def __init__(self, test, fixture):
+        super().__init__(test)
+        self.fixture = fixture
+        with open(os.path.join(self.serve_dir, "blob"), "wb") as f:
+            f.write(os.urandom(1 << 16))
+
+    def env(self, **settings):
+        base = dict(RELAYTOOL_PATH=TESTRELAY_TOOL, HVN_SSH_PATH="/usr/bin/ssh",
+                    HVN_RELAY_SERVER="%s:%d" % (self.fixture.address, self.fixture.port),
+                    RELAYTOOL_BACKOFF_MIN="0.2", RELAYTOOL_BACKOFF_MAX="1.6")
+        base.update(settings)
+        return super().env(**base)
+
+    def set_up(self, test, code, **command):
+        self.fixture.add_code(code)
+        rc, out, err = self.command("setup", input=code + "\n", **command)
+        test.assertEqual(rc, 0, out + err + self.fixture.logs())
+        test.assertIn("the endpoint is set up", out)
+
+    def ssh_pids(self):
+        return [p for p, name in processes_mentioning(self.config_dir).items() if name == "ssh"]
+
+
+def new_fixture(test, **kw):
+    """A relay of the test's own, stopped and removed at its end."""
+    fixture = sshd_fixture.RelayFixture(directory=tempfile.mkdtemp(prefix="relay-sshd-"),
+                                        heartbeat=1, **kw)
+    test.addCleanup(shutil.rmtree, fixture.dir, True)
+    test.addCleanup(fixture.stop)
+    return fixture.start()
+
+
 class Run(subprocess.Popen):
     """relaytool-endpoint running in the background, stdout and stderr in
     files."""
 
-    def __init__(self, workspace, args, env, **popen):
+    def __init__(self, workspace, prefix, args, env, **popen):
         self.ws = workspace
-        n = len(workspace.runs)
-        self.files = tuple(os.path.join(workspace.root, "run%d.%s" % (n, s))
+        self.files = tuple(os.path.join(workspace.root, "run%d.%s" % (len(workspace.runs), s))
                            for s in ("out", "err"))
         with open(self.files[0], "wb") as o, open(self.files[1], "wb") as e:
-            super().__init__([ENDPOINT] + args, env=env, stdin=subprocess.DEVNULL,
+            super().__init__(prefix + [ENDPOINT] + args, env=env, stdin=subprocess.DEVNULL,
                              stdout=o, stderr=e, **popen)
 
     def text(self, stream="err"):
@@ -198,26 +226,16 @@ class NotifySocket:
         self.path = os.path.join(directory, "notify.sock")
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.sock.bind(self.path)
-        self.sock.settimeout(0.05)
+        self.sock.setblocking(False)
         test.addCleanup(self.sock.close)
         self.messages = []
 
-    def collect(self):
+    def kinds(self):
+        """READY / STOPPING / STATUS for each message so far, in order."""
         while True:
             try:
                 self.messages.append(self.sock.recv(65536).decode())
-            except socket.timeout:
-                return self.messages
-
-    def wait_for(self, text, timeout=WAIT):
-        found = wait_until(lambda: any(text in m for m in self.collect()), timeout, 0)
-        if not found:
-            raise AssertionError("no notification with %r: %r" % (text, self.messages))
-
-    def kinds(self):
-        """READY / STATUS / STOPPING for each message, in order."""
-        out = []
-        for message in self.collect():
-            fields = dict(l.split("=", 1) for l in message.split("\n") if "=" in l)
-            out += [k for k in ("READY", "STOPPING") if k in fields] or ["STATUS"]
-        return out
+            except BlockingIOError:
+                break
+        return [next((k for k in ("READY", "STOPPING") if k + "=1" in m), "STATUS")
+                for m in self.messages]

@@ -3,48 +3,46 @@
 #include "backoff.h"
 
 using endpoint::Backoff;
+using endpoint::BackoffKind;
 
 TEST(Backoff, GrowsFromTheMinimumToTheMaximumWithJitter) {
     Backoff b(1, 300);
     // Whatever the draws, the delays never shrink until the maximum is near.
     double draws[] = {0.99, 0.0, 0.5, 0.99, 0.0, 0.3, 0.7, 0.0};
-    double low[] = {1, 2, 4, 8, 16, 32, 64, 128};
     double previous = 0;
     for (int i = 0; i < 8; ++i) {
         double d = b.next(draws[i]);
-        EXPECT_GE(d, low[i]) << i;
-        EXPECT_LE(d, 2 * low[i]) << i;
+        EXPECT_GE(d, 1 << i) << i;
+        EXPECT_LE(d, 2 << i) << i;
         EXPECT_GE(d, previous) << i;
         previous = d;
     }
-    // then between half the maximum and the maximum, for ever
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 2000; ++i) {  // then between half the maximum and the maximum
         double d = b.next(i % 2 == 0 ? 0.0 : 0.999999);
         EXPECT_GE(d, 150);
         EXPECT_LE(d, 300);
     }
-    EXPECT_EQ(b.failures_in_a_row(), 2008);
+    Backoff narrow(1, 1.5), fixed(0.2, 0.2);  // the maximum below twice the minimum
+    for (double u : {0.0, 0.999, 0.5}) {
+        EXPECT_GE(narrow.next(u), 1);
+        EXPECT_LE(narrow.next(u), 1.5);
+        EXPECT_DOUBLE_EQ(fixed.next(u), 0.2);
+    }
 }
 
-TEST(Backoff, StaysWithinNarrowAndEqualBounds) {
-    Backoff narrow(1, 1.5);  // the maximum is below twice the minimum
-    for (double u : {0.0, 0.5, 0.999, 0.0, 0.999}) {
-        double d = narrow.next(u);
-        EXPECT_GE(d, 1);
-        EXPECT_LE(d, 1.5);
-    }
-    Backoff fixed(0.2, 0.2);
-    for (double u : {0.0, 0.999, 0.5}) EXPECT_DOUBLE_EQ(fixed.next(u), 0.2);
+TEST(Backoff, ALongOneStartsAt32TimesTheMinimumWithinTheMaximum) {
+    Backoff b(1, 300), small(0.05, 0.4);
+    EXPECT_GE(b.next(0, BackoffKind::Long), 32);
+    EXPECT_LE(b.next(0.99, BackoffKind::Long), 128);
+    EXPECT_LE(small.next(0.99, BackoffKind::Long), 0.4);
 }
 
 TEST(Backoff, AConnectionOfAMinuteStartsAgainFromTheMinimum) {
     Backoff b(1, 300);
     for (int i = 0; i < 5; ++i) b.next(0.5);
-    b.connection_lasted(0);
     b.connection_lasted(Backoff::kStableSeconds - 0.1);
     EXPECT_GE(b.next(0), 32);
     b.connection_lasted(Backoff::kStableSeconds);
-    EXPECT_EQ(b.failures_in_a_row(), 0);
     double d = b.next(0.99);
     EXPECT_GE(d, 1);
     EXPECT_LE(d, 2);

@@ -52,7 +52,7 @@ TEST(Classify, TheToolsAndSshsWordsGiveTheirClass) {
         {"[ssh stderr] Connection to 127.0.0.1 closed by remote host.", "connection-lost"},
         {"[ssh stderr] Timeout, server relay not responding.", "connection-lost"},
         {"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file or directory",
-         "setting"},
+         "not-ready"},
     };
     for (const Case& c : cases) {
         Failure f = run({c.line});

@@ -1,0 +1,177 @@
+#include "tool.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "diag.h"
+#include "file.h"
+#include "strutil.h"
+
+namespace endpoint {
+
+Tool::~Tool() {
+    // A tool still running when we end on a fault goes with us.
+    if (m_pid > 0) kill(m_pid, SIGKILL);
+    close_all();
+}
+
+int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, LineHandler out,
+                LineHandler err) {
+    // Every pipe end is close-on-exec; the three that the tool gets (the
+    // read end of the first pipe, the write ends of the others) are copied
+    // onto 0, 1 and 2, which clears the flag on the copies only.
+    int fds[6] = {-1, -1, -1, -1, -1, -1};
+    for (int i = 0; i < 6; i += 2) {
+        if (pipe2(fds + i, O_CLOEXEC) == 0) continue;
+        int err = errno;
+        for (int fd : fds) {
+            if (fd != -1) close(fd);
+        }
+        return err;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int fd = 0; fd < 3; ++fd)
+        posix_spawn_file_actions_adddup2(&actions, fds[2 * fd + (fd > 0)], fd);
+    // Our own descriptors are close-on-exec, but whoever started us may have
+    // left others open: the tool must get 0, 1 and 2 only.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+
+    // The signal state of a fresh process, and a process group of its own:
+    // a Ctrl-C at a terminal is for us, and we stop the tool our way.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, defaults;  // nothing blocked, nothing ignored (as we may have been)
+    sigemptyset(&none);
+    sigfillset(&defaults);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(
+        &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+
+    std::vector<std::string> entries;
+    for (const auto& [key, value] : env) {
+        entries.push_back(hvlib::str_sprintf("%s=%s", key.c_str(), value.c_str()));
+    }
+    std::vector<char*> envp;
+    envp.reserve(entries.size() + 1);
+    for (std::string& entry : entries) envp.push_back(&entry[0]);
+    envp.push_back(nullptr);
+    std::string argv0 = "relaytool";
+    char* argv[] = {&argv0[0], nullptr};
+
+    int rc = posix_spawn(&m_pid, path.c_str(), &actions, &attr, argv, envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    for (int fd : {fds[0], fds[3], fds[5]}) close(fd);
+    m_loop = loop;
+    m_stdin = fds[1];
+    m_out.fd = fds[2];
+    m_err.fd = fds[4];
+    if (rc != 0) {
+        m_pid = -1;
+        close_all();
+        return rc;
+    }
+    m_out.handler = std::move(out);
+    m_err.handler = std::move(err);
+    for (Stream* s : {&m_out, &m_err}) {
+        fcntl(s->fd, F_SETFL, O_NONBLOCK);
+        s->source.readable(loop, s->fd, [this, s] {
+            while (read_from(*s)) {
+            }
+        });
+    }
+    return 0;
+}
+
+bool Tool::read_from(Stream& s) {
+    if (s.fd == -1) return false;
+    char buffer[16384];
+    ssize_t n = read(s.fd, buffer, sizeof buffer);
+    if (n == -1 && (errno == EAGAIN || errno == EINTR)) return false;
+    if (n <= 0) {  // end of file, or a read error that no retry would mend
+        s.source.cancel();
+        close(s.fd);
+        s.fd = -1;
+        pass_on(s, s.partial.size());
+        return false;
+    }
+    s.partial.append(buffer, static_cast<size_t>(n));
+    size_t cut = s.partial.size() >= kMaxLine ? s.partial.size() : s.partial.rfind('\n');
+    if (cut != std::string::npos) pass_on(s, cut);
+    return true;
+}
+
+void Tool::pass_on(Stream& s, size_t cut) {
+    if (s.partial.empty()) return;
+    std::string text = s.partial.substr(0, cut);
+    s.partial.erase(0, cut + 1);
+    for (std::string& line : hvlib::split(text, "\n", -1)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        s.handler(line);
+    }
+}
+
+void Tool::stop(bool at_once) {
+    if (m_pid <= 0) return;
+    if (m_stdin == -1 || at_once) {
+        kill(m_pid, SIGKILL);
+        return;
+    }
+    close(m_stdin);  // the tool ends at once, and pdeath takes ssh with it
+    m_stdin = -1;
+    m_kill.after(m_loop, kStopGraceMs, [this] { kill(m_pid, SIGKILL); });
+}
+
+bool Tool::ended(pid_t pid, int status, ToolEnd& end) {
+    if (pid != m_pid || m_pid <= 0) return false;
+    end.signaled = WIFSIGNALED(status);
+    end.value = end.signaled ? WTERMSIG(status) : WEXITSTATUS(status);
+    m_pid = -1;  // reaped: its number may be another process's from now on
+    // What it wrote before it ended is in the pipes: take all of it.
+    for (Stream* s : {&m_out, &m_err}) {
+        while (read_from(*s)) {
+        }
+        pass_on(*s, s->partial.size());
+    }
+    close_all();
+    return true;
+}
+
+std::vector<pid_t> workers_of(pid_t parent) {
+    std::string children;
+    hvlib::try_read_file_contents(hvlib::str_sprintf("/proc/%d/task/%d/children", parent, parent),
+                                  children);
+    std::vector<pid_t> workers;
+    for (const std::string& pid : hvlib::split(hvlib::strip(children), " ", -1)) {
+        char link[16] = "";
+        std::string fd = "/proc/" + pid + "/fd/0";
+        if (readlink(fd.c_str(), link, sizeof link - 1) > 0 && strncmp(link, "socket:", 7) == 0) {
+            workers.push_back(atoi(pid.c_str()));
+        }
+    }
+    return workers;
+}
+
+void Tool::close_all() {
+    m_kill.cancel();
+    for (int* fd : {&m_stdin, &m_out.fd, &m_err.fd}) {
+        if (*fd != -1) close(*fd);
+        *fd = -1;
+    }
+    m_out.source.cancel();
+    m_err.source.cancel();
+}
+
+}  // namespace endpoint
