@@ -15,6 +15,7 @@
 #include "diag.h"
 #include "envfile.h"
 #include "file.h"
+#include "gridftp_conf.h"
 #include "lock.h"
 #include "settings.h"
 #include "signals.h"
@@ -125,5 +126,6 @@ int main(int argc, char** argv) {
                     "cannot set up signal handling: " + hvlib::get_strerror_string(errno));
     }
     if (cli.command == Command::Setup) return run_setup(settings, cli.code, signal_fd);
+    if (int status = prepare_gridftp_conf(settings); status != 0) return status;
     return run_supervisor(settings, signal_fd);
 }

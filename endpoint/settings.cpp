@@ -16,6 +16,7 @@
 #include "diag.h"
 #include "envfile.h"
 #include "file.h"
+#include "gridftp_conf.h"
 #include "strutil.h"
 
 namespace endpoint {
@@ -235,8 +236,10 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
             return problem_with(problem, "RELAYTOOL_BACKOFF_MIN",
                                 "larger than RELAYTOOL_BACKOFF_MAX");
         }
+        if (!resolve_gridftp_settings(env, facts, out, problem)) return false;
     }
     for (const char* name : kNotForTheTool) tool.erase(name);
+    for (const char* name : kGridftpSettingNames) tool.erase(name);
     out.tool_env = tool;
     return true;
 }
@@ -264,12 +267,7 @@ bool check_settings_on_system(const Settings& settings, Command command, Setting
     if (access(dir.c_str(), W_OK | X_OK) != 0) {
         return problem_with(problem, "HVN_CONFIG_DIR", dir + " is not a writable directory");
     }
-    if (command == Command::Run && !hvlib::file_readable(dir + "/gridftp.conf")) {
-        return problem_with(
-            problem, "HVN_CONFIG_DIR",
-            "no readable gridftp.conf (the GridFTP server's configuration) in " + dir);
-    }
-    return true;
+    return command != Command::Run || check_gridftp_settings_on_system(settings, problem);
 }
 
 }  // namespace endpoint

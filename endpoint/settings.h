@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace endpoint {
 
@@ -35,6 +36,8 @@ struct Settings {
     std::string config_dir;  // absolute, without a trailing "/"
     double backoff_min = 1;
     double backoff_max = 300;
+    std::vector<std::string> shared_dirs;  // served by the GridFTP server (gridftp_conf.h)
+    std::string trust_dir;                 // the relay authority's; empty: none
 };
 
 // What is wrong with one setting: the variable's name and the fault.

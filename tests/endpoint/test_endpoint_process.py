@@ -102,6 +102,8 @@ class BadInput(unittest.TestCase):
     def test_missing_and_unusable_settings(self):
         ws = StandinWorkspace(self)
         not_executable = ws.path("gridftp.conf")
+        trust = ws.mkdir("trust")
+        open(os.path.join(trust, "0badc0de.0"), "w").close()
         cases = [
             (dict(HVN_RELAY_SERVER=None), "HVN_RELAY_SERVER: not set"),
             (dict(HVN_GRIDFTP_PATH=not_executable),
@@ -111,14 +113,16 @@ class BadInput(unittest.TestCase):
             (dict(HVN_GLOBAL_ETC_DIR=ws.root), "HVN_GLOBAL_ETC_DIR: cannot read %s/relay-"
              "anonymous.key" % ws.root),
             (dict(HVN_CONFIG_DIR=not_executable), "HVN_CONFIG_DIR: cannot create"),
+            (dict(RELAYTOOL_SHARED_DIRS=ws.home + ":/no/such"),
+             "RELAYTOOL_SHARED_DIRS: /no/such does not exist"),
+            (dict(RELAYTOOL_TRUST_DIR=trust), "RELAYTOOL_TRUST_DIR: %s/0badc0de.0 has no "
+             "readable 0badc0de.signing_policy" % trust),
         ]
         for settings, words in cases:
             with self.subTest(words):
                 err = self.assertRefused(ws, ["run"], 2, "relaytool-endpoint: " + words,
                                          env=ws.env(**settings))
                 self.assertEqual(len(err.splitlines()), 1, err)
-        os.unlink(ws.path("gridftp.conf"))
-        self.assertRefused(ws, ["run"], 2, "HVN_CONFIG_DIR: no readable gridftp.conf")
 
 
 class Supervision(unittest.TestCase):
