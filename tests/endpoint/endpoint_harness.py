@@ -22,7 +22,8 @@ ENDPOINT, TESTRELAY_TOOL, DEFAULT_TOOL, PDEATH = (
         ("RELAYTOOL_BIN", "src/relaytool"),
         ("PDEATH_BIN", "pdeath/pdeath")))
 STANDIN_TOOL = os.path.join(HERE, "standin_tool.py")
-STANDIN_WORKER = os.path.join(REPO, "tests", "e2e", "standin_worker.py")
+# any program will do: no test here lets a connection reach a worker
+STANDIN_WORKER = os.path.join(REPO, "tests", "tool", "standin_worker.py")
 ANON_KEY = os.path.join(REPO, "tests", "keys", "anonymous.key")
 WAIT = 30  # seconds; the machine is shared and noisy
 
@@ -62,8 +63,8 @@ def processes_mentioning(text):
 
 class Workspace:
     """A home, an installation directory with the anonymous key, and a
-    configuration directory with a gridftp.conf, all in one temporary
-    directory removed at the end of the test."""
+    configuration directory, all in one temporary directory removed at the
+    end of the test."""
 
     def __init__(self, test, config_name="config dir"):
         self.root = tempfile.mkdtemp(prefix="relaytool-endpoint-")
@@ -71,12 +72,9 @@ class Workspace:
         test.addCleanup(self.kill_leftovers)
         self.home = self.mkdir("home")
         self.etc_dir = self.mkdir("etc")
-        self.serve_dir = self.mkdir("files")
         self.config_dir = os.path.join(self.root, config_name)
         os.mkdir(self.config_dir, 0o700)
         shutil.copyfile(ANON_KEY, os.path.join(self.etc_dir, "relay-anonymous.key"))
-        with open(self.path("gridftp.conf"), "w") as f:
-            f.write("serve_dir = %s\n" % self.serve_dir)
         self.runs = []
 
     def mkdir(self, name):

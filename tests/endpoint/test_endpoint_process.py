@@ -101,7 +101,7 @@ class BadInput(unittest.TestCase):
 
     def test_missing_and_unusable_settings(self):
         ws = StandinWorkspace(self)
-        not_executable = ws.path("gridftp.conf")
+        not_executable = os.path.join(ws.etc_dir, "relay-anonymous.key")
         trust = ws.mkdir("trust")
         open(os.path.join(trust, "0badc0de.0"), "w").close()
         cases = [
