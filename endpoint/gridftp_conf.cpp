@@ -72,8 +72,9 @@ bool check_trust_dir(const std::string& dir, SettingProblem& problem) {
         std::string name = entry->d_name;
         if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
         ++certificates;
-        std::string policy = name.substr(0, name.size() - 2) + ".signing_policy";
-        if (unpaired.empty() && !hvlib::file_readable(dir + "/" + policy)) unpaired = name;
+        std::string policy = dir;
+        policy.append("/").append(name, 0, name.size() - 2).append(".signing_policy");
+        if (unpaired.empty() && !hvlib::file_readable(policy)) unpaired = name;
     }
     closedir(listing);
     if (certificates == 0) {
