@@ -14,6 +14,7 @@
 #include "build_info.h"
 #include "diag.h"
 #include "file.h"
+#include "gridftp_conf.h"
 #include "strutil.h"
 
 namespace endpoint {
@@ -28,7 +29,13 @@ const char* const kNotForTheTool[] = {
     "NOTIFY_SOCKET", "WATCHDOG_PID",   "WATCHDOG_USEC",         "LISTEN_PID",
     "LISTEN_FDS",    "LISTEN_FDNAMES", "HVN_SETUP_CODE",        "HVN_RELAYTOOL_TEST",
     "HVN_DEBUG",     "RELAYTOOL_PATH", "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
+    "RELAYTOOL_SHARED_DIRS", "RELAYTOOL_TRUST_DIR",
 };
+
+// The GridFTP server's configuration quotes values and has no escapes, and
+// restrict_paths is a comma-separated list in which "$" starts a variable.
+const char kInexpressible[] = "\"\\\n";
+const char kInexpressibleShared[] = "\"\\\n,$";
 
 std::string value_of(const EnvMap& env, const std::string& name) {
     auto it = env.find(name);
@@ -79,6 +86,20 @@ bool program_ready(const char* name, const std::string& path, std::string& probl
     }
     return (S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0) ||
            problem_with(problem, name, path + " is not an executable program");
+}
+
+bool shared_dirs_ready(const Settings& settings, std::string& problem) {
+    for (const std::string& dir : settings.shared_dirs) {
+        struct stat st {};
+        if (stat(dir.c_str(), &st) != 0) {
+            return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
+                                "cannot share " + dir + ": " + hvlib::get_strerror_string(errno));
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return problem_with(problem, "RELAYTOOL_SHARED_DIRS", dir + " is not a directory");
+        }
+    }
+    return true;
 }
 
 // mkdir -p with mode 0700 for every directory it creates.
@@ -141,6 +162,49 @@ std::string default_env_file(const EnvMap& env, const SystemFacts& facts) {
     return config_home(env, facts).empty() ? ""
                                            : config_home(env, facts) + "/relaytool/endpoint.env";
 }
+
+namespace {
+
+// What the GridFTP server shares (the home by default) and the authority it
+// trusts (the installed one by default; a build without one trusts none).
+bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settings& out,
+                             std::string& problem) {
+    const char* name = "RELAYTOOL_SHARED_DIRS";
+    std::string shared = value_of(env, name);
+    if (shared.empty()) shared = value_of(env, "HOME");
+    if (shared.empty()) shared = facts.home;
+    for (const std::string& dir : hvlib::split(shared, ":", -1)) {
+        if (dir.empty()) continue;
+        if (dir[0] != '/') return problem_with(problem, name, "'" + dir + "' is not an absolute path");
+        if (dir.find_first_of(kInexpressibleShared) != std::string::npos) {
+            return problem_with(problem, name,
+                                "'" + dir +
+                                    "' holds a quote, backslash, line break, comma or $, which "
+                                    "the GridFTP server's configuration cannot express");
+        }
+        out.shared_dirs.push_back(absolute(dir, facts));
+    }
+    if (out.shared_dirs.empty()) return problem_with(problem, name, "names no directory");
+    out.trust_dir = value_of(env, "RELAYTOOL_TRUST_DIR");
+    if (out.trust_dir.empty()) out.trust_dir = RELAYTOOL_DEFAULT_TRUST_DIR;
+    for (const auto& [variable, path] : {std::pair<const char*, std::string>{
+                                             "RELAYTOOL_TRUST_DIR", out.trust_dir},
+                                         {"HVN_CONFIG_DIR", out.config_dir}}) {
+        if (!path.empty() && path[0] != '/') {
+            return problem_with(problem, variable, "'" + path + "' is not an absolute path");
+        }
+        if (path.find_first_of(kInexpressible) != std::string::npos) {
+            return problem_with(problem, variable,
+                                "'" + path +
+                                    "' holds a quote, backslash or line break, which the GridFTP "
+                                    "server's configuration cannot express");
+        }
+    }
+    if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, facts);
+    return true;
+}
+
+}  // namespace
 
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
                       std::string& problem) {
@@ -215,6 +279,7 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
             return problem_with(problem, "HVN_FTP_PORT",
                                 "'" + ftp + "' is not -1 (paused), 0 (own listener) or a port");
         }
+        if (!resolve_server_settings(env, facts, out, problem)) return false;
     }
     for (const char* name : kNotForTheTool) tool.erase(name);
     out.tool_env = tool;
@@ -258,7 +323,6 @@ bool config_dir_ready(const Settings& settings, std::string& problem) {
 bool paths_ready(const Settings& settings, Command command, std::string& problem) {
     const EnvMap& env = settings.tool_env;
     std::string key = value_of(env, "HVN_GLOBAL_ETC_DIR") + "/relay-anonymous.key";
-    std::string conf = settings.config_dir + "/gridftp.conf";
     bool run = command == Command::Run;  // setup runs no GridFTP server
     return program_ready("RELAYTOOL_PATH", settings.tool_path, problem) &&
            program_ready("HVN_PDEATH_PATH", value_of(env, "HVN_PDEATH_PATH"), problem) &&
@@ -267,9 +331,8 @@ bool paths_ready(const Settings& settings, Command command, std::string& problem
             program_ready("HVN_GRIDFTP_PATH", value_of(env, "HVN_GRIDFTP_PATH"), problem)) &&
            (hvlib::file_readable(key) ||
             problem_with(problem, "HVN_GLOBAL_ETC_DIR", "cannot read " + key)) &&
-           (!run || hvlib::file_readable(conf) ||
-            problem_with(problem, "HVN_CONFIG_DIR",
-                         "no readable " + conf + " (the GridFTP server's configuration)"));
+           (!run || shared_dirs_ready(settings, problem)) &&
+           (!run || settings.trust_dir.empty() || trust_dir_ready(settings.trust_dir, problem));
 }
 
 }  // namespace endpoint

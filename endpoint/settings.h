@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "envfile.h"
 
@@ -36,6 +37,8 @@ struct Settings {
     EnvMap tool_env;  // the tool's complete environment
     std::string tool_path, config_dir, relay_host, relay_port;
     double backoff_min = 1, backoff_max = 300;
+    std::vector<std::string> shared_dirs;  // what the GridFTP server serves
+    std::string trust_dir;                 // the relay authority's; empty: none
 };
 
 // Fills in the defaults and checks the form of every value. False, with

@@ -14,6 +14,7 @@
 #include "classify.h"
 #include "cli.h"
 #include "diag.h"
+#include "gridftp_conf.h"
 #include "keyvalues.h"
 #include "lock.h"
 #include "loop.h"
@@ -109,8 +110,7 @@ private:
     void start() {
         m_retry.cancel();
         m_state.has_next_attempt = false;
-        if (!prepared()) return;
-        // (The GridFTP server's configuration gets prepared here, before each start.)
+        if (!prepared() || !server_configured()) return;
         std::string local;
         if (m_network.active() && m_route->local_address(local) == Route::None) {
             // a start would fail for certain: wait for the kernel's news
@@ -139,6 +139,31 @@ private:
         m_state.workers = 0;
         set_phase(Phase::Starting, m_start_reason);
         m_start_reason.clear();
+    }
+
+    // Writes the GridFTP server's configuration unless it is the operator's;
+    // what matters about it is said at the first start, a rewrite each time.
+    bool server_configured() {
+        std::string path = m_settings.config_dir + "/gridftp.conf";
+        ConfOutcome outcome = ConfOutcome::Unchanged;
+        if (int err = write_gridftp_conf(m_settings, outcome); err != 0) {
+            failed({FailureClass::NotReady,
+                    "cannot write " + path + ": " + hvlib::get_strerror_string(err),
+                    {}});
+            return false;
+        }
+        if (outcome == ConfOutcome::Written) {
+            std::string shared;
+            for (const std::string& dir : m_settings.shared_dirs) shared += ":" + dir;
+            note("wrote " + path + ", sharing " + shared.substr(1));
+        }
+        if (m_started) return true;
+        if (outcome == ConfOutcome::Operators) note(path + " is the operator's own; left as it is");
+        if (m_settings.trust_dir.empty()) {
+            note("RELAYTOOL_TRUST_DIR: not set, and this build trusts no relay authority: the "
+                 "GridFTP server will refuse certificates the relay issued");
+        }
+        return true;
     }
 
     bool waiting_for_route() const { return m_state.phase == Phase::Waiting && !m_retry.armed(); }

@@ -10,21 +10,26 @@ GridFTP server on an endpoint and a client can trust each other through it:
                         kept in STATE/endpoints/ID for test clients, never
                         sent to the endpoint
   old-style pair        ltacert.pem/ltakey.pem for upgrade tests
+  server certificate    for a GridFTP server standing for the far side of
+                        a transfer (tests, the demo)
 
 Layout:
   authority/ca-key.pem        the authority's key (0600)
   authority/ca-cert.pem       its certificate
   authority/trust/            trust directory: <hash>.0 (OpenSSL's hashed
-                              names, for -CApath) and ca-bundle.pem
+                              names, for -CApath), <hash>.signing_policy
+                              (for Globus GSI) and ca-bundle.pem
   endpoints/ID/               user-cert.pem, user-key.pem (0600) and
                               endpoint-cert.pem of endpoint ID
 """
 
+import contextlib
 import datetime
 import hashlib
 import ipaddress
 import os
 import secrets
+import shutil
 
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
@@ -149,6 +154,7 @@ USER_PROFILE = (
     (_key_usage(digital_signature=True, key_encipherment=True), True),
     (x509.ExtendedKeyUsage([ExtendedKeyUsageOID.CLIENT_AUTH]), False),
 )
+SERVER_PROFILE = ENDPOINT_PROFILE[:3]  # plus the server's own names
 CA_PROFILE = (
     (x509.BasicConstraints(ca=True, path_length=0), True),
     (_key_usage(key_cert_sign=True, crl_sign=True), True),
@@ -221,6 +227,43 @@ def trust_dir(state_dir):
     return os.path.join(authority_dir(state_dir), "trust")
 
 
+def signing_policy(cert):
+    """The Globus signing policy that goes with the authority's <hash>.0:
+    Debian's GridFTP server and client refuse a certificate whose issuer has
+    none.  It lets the authority sign any subject; which subjects may log in
+    is the business of each server's gridmap."""
+    return ("# Globus signing policy of the local relay's authority\n"
+            "access_id_CA      X509         '%s'\n"
+            "pos_rights        globus        CA:sign\n"
+            "cond_subjects     globus       '\"*\"'\n"
+            % slash_form(cert.subject)).encode("ascii")
+
+
+def write_trust_files(directory, cert):
+    """The files of a trust directory, in `directory` (new and still
+    unpublished): the certificate under OpenSSL's hashed name and as a
+    bundle, and its signing policy.  Nothing secret."""
+    pem, base = cert_pem(cert), subject_hash(cert.subject)
+    for name, data in ((base + ".0", pem), ("ca-bundle.pem", pem),
+                       (base + ".signing_policy", signing_policy(cert))):
+        relay_files.write_new_file(os.path.join(directory, name), data, 0o644)
+
+
+def publish_trust_dir(cert, dest):
+    """Makes `dest` a trust directory for `cert` that any local user may
+    read, replacing whatever it held; unchanged if it is one already."""
+    with contextlib.suppress(OSError):
+        with open(os.path.join(dest, subject_hash(cert.subject) + ".0"),
+                  "rb") as f:
+            if (f.read() == cert_pem(cert) and
+                    len(os.listdir(dest)) == 3 and
+                    os.stat(dest).st_mode & 0o777 == 0o755):
+                return
+    shutil.rmtree(dest, ignore_errors=True)
+    with relay_files.publish_directory(dest, 0o755) as tmp:
+        write_trust_files(tmp, cert)
+
+
 def _write_authority(state_dir, authority):
     """Publishes the key, certificate and trust directory as one set."""
     pem = cert_pem(authority.cert)
@@ -232,10 +275,15 @@ def _write_authority(state_dir, authority):
                                    0o644)
         trust = os.path.join(tmp, "trust")
         relay_files.make_dir(trust, 0o755)
-        relay_files.write_new_file(os.path.join(
-            trust, subject_hash(authority.cert.subject) + ".0"), pem, 0o644)
-        relay_files.write_new_file(os.path.join(trust, "ca-bundle.pem"), pem,
-                                   0o644)
+        write_trust_files(trust, authority.cert)
+
+
+def adopt_authority(state_dir, key_pem, cert_pem_bytes):
+    """Gives a directory without an authority the one given (a test
+    authority whose files are kept elsewhere) instead of a new one."""
+    key = serialization.load_pem_private_key(key_pem, None)
+    cert = x509.load_pem_x509_certificate(cert_pem_bytes)
+    _write_authority(state_dir, Authority(key, cert))
 
 
 def _read_authority(state_dir):
@@ -323,6 +371,20 @@ def issue_v1_pair(authority):
         make_name(("O", ORGANIZATION), ("OU", "Endpoints"),
                   ("CN", "Old Endpoint " + secrets.token_hex(4))),
         key, ENDPOINT_PROFILE)
+    return cert_pem(cert), private_key_pem(key)
+
+
+def issue_server_pair(authority, name):
+    """A certificate and key for a GridFTP server reached as `name` (an IP
+    address or a host name), with the endpoint's uses."""
+    try:
+        san = x509.IPAddress(ipaddress.ip_address(name))
+    except ValueError:
+        san = x509.DNSName(name)
+    key = new_rsa_key()
+    cert = authority.issue(
+        make_name(("O", ORGANIZATION), ("OU", "Servers"), ("CN", name)), key,
+        SERVER_PROFILE + ((x509.SubjectAlternativeName([san]), False),))
     return cert_pem(cert), private_key_pem(key)
 
 

@@ -39,6 +39,9 @@ Other modes (not run by sshd):
                                           endpoint ID needs
   --make-v1-credentials OUTDIR            write an old-style ltacert.pem and
                                           ltakey.pem pair for upgrade tests
+  --issue-server NAME OUTDIR              write server-cert.pem and
+                                          server-key.pem for a GridFTP server
+                                          reached as NAME
 
 Exit status: 0 done; 1 a client refused with ERROR_S, an unknown endpoint
 id, or a bad relay.conf; 2 bad command line; 3 the authority is missing,
@@ -411,6 +414,19 @@ def write_v1_credentials(state_dir, outdir):
                                  0o600)
 
 
+def write_server_credentials(state_dir, name, outdir):
+    """Writes a certificate and key for a GridFTP server reached as `name`,
+    signed by the authority of state_dir, into outdir."""
+    with StateStore(state_dir).transaction() as state:
+        authority = relay_ca.open_authority(state_dir, state)
+    cert, key = relay_ca.issue_server_pair(authority, name)
+    os.makedirs(outdir, exist_ok=True)
+    relay_files.write_atomically(os.path.join(outdir, "server-cert.pem"),
+                                 cert, 0o644)
+    relay_files.write_atomically(os.path.join(outdir, "server-key.pem"), key,
+                                 0o600)
+
+
 # ---------------------------------------------------------------------------
 # The conversation
 
@@ -650,6 +666,8 @@ def run_admin_mode(args):
         show_endpoint(args.state, args.show_endpoint)
     elif args.make_v1_credentials:
         write_v1_credentials(args.state, args.make_v1_credentials)
+    elif args.issue_server:
+        write_server_credentials(args.state, *args.issue_server)
     else:
         return None
     return 0
@@ -686,6 +704,10 @@ def parse_args(argv):
     p.add_argument("--make-v1-credentials", metavar="OUTDIR",
                    help="write an old-style ltacert.pem/ltakey.pem pair, "
                         "signed by the authority, and exit")
+    p.add_argument("--issue-server", nargs=2, metavar=("NAME", "OUTDIR"),
+                   help="write server-cert.pem/server-key.pem for a GridFTP "
+                        "server reached as NAME, signed by the authority, "
+                        "and exit")
     return p.parse_args(argv)
 
 

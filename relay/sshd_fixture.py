@@ -18,8 +18,10 @@ From the command line:
 
     sshd_fixture.py start --dir D [--host-key F] [--anon-key F] [--heartbeat N]
                           [--address A --netns NS]
+                          [--authority-cert F --authority-key F]
     sshd_fixture.py add-code --dir D CODE
-    sshd_fixture.py client-credentials --dir D ID
+    sshd_fixture.py client-credentials --dir D ID [--for USER --into DIR]
+    sshd_fixture.py server-credentials --dir D NAME [--for USER --into DIR]
     sshd_fixture.py make-v1-credentials --dir D OUTDIR
     sshd_fixture.py stop --dir D
 
@@ -36,6 +38,10 @@ Layout of the fixture directory:
                                       state/authority is the relay's
                                       certificate authority, made at the
                                       first start of the directory
+    trust/                            the authority's trust directory for
+                                      everyone: <hash>.0, its signing policy
+                                      and ca-bundle.pem (certificates only)
+    issued/                           server credentials issued (root only)
     fixture.json                      pid and port, for "stop"
 """
 
@@ -254,11 +260,14 @@ class RelayFixture:
     address, netns: sshd listens on address inside the network namespace
         netns (made by the caller, e.g. tests/netns.py) instead of on
         127.0.0.1 in ours; forwarded ports then live in that namespace.
+    authority: (certificate file, key file) of the authority a new
+        directory gets instead of a fresh one, such as the test authority
+        in tests/keys that a test package is built to trust.
     """
 
     def __init__(self, directory=None, host_key=None, anon_key=None,
                  heartbeat=None, relay_options=(), port=None,
-                 address="127.0.0.1", netns=None):
+                 address="127.0.0.1", netns=None, authority=None):
         self.dir = directory
         self.host_key = host_key or DEFAULT_HOST_KEY
         self.anon_key = anon_key or DEFAULT_ANON_KEY
@@ -268,6 +277,7 @@ class RelayFixture:
         self.requested_port = port
         self.address = address
         self.netns = netns
+        self.given_authority = authority
         self.port = None
         self.authority = {}  # authority=, trust_dir= of the relay, by start()
         self.pid = None
@@ -298,6 +308,11 @@ class RelayFixture:
     @property
     def known_hosts(self):
         return self.path("known_hosts")
+
+    @property
+    def trust_dir(self):
+        """The authority's trust directory that any local user may read."""
+        return self.path("trust")
 
     # -- life cycle
 
@@ -392,13 +407,41 @@ class RelayFixture:
         # made here, not by the first setup, so that a new directory's
         # trust directory is there before any endpoint; an existing
         # directory keeps its authority (the relay never makes a second)
+        if self.given_authority:
+            self._adopt_authority(*self.given_authority)
         self.authority = dict(self._relay_admin("--init-authority"))
+        self._publish_trust()
 
         command = [PYTHON, self.path("relay_server.py"), "--state",
                    self.state_dir] + self.relay_options
         self._config_text = SSHD_CONFIG.format(
             dir=self.dir, user=RELAY_USER,
             command=" ".join(shlex.quote(a) for a in command))
+
+    def _adopt_authority(self, cert_file, key_file):
+        import relay_ca  # needs python3-cryptography, as the relay does
+        with open(cert_file, "rb") as f:
+            cert = f.read()
+        existing = os.path.join(self.state_dir, "authority", "ca-cert.pem")
+        if os.path.lexists(os.path.dirname(existing)):
+            with open(existing, "rb") as f:
+                if f.read() != cert:
+                    raise FixtureError("%s already has another authority"
+                                       % self.dir)
+            return
+        with open(key_file, "rb") as f:
+            relay_ca.adopt_authority(self.state_dir, f.read(), cert)
+
+    def _publish_trust(self):
+        """Copies the authority's certificate out of the root-only state
+        directory into trust/, with the signing policy that Globus GSI
+        needs, for servers and clients running as any user."""
+        import relay_ca
+        from cryptography import x509
+        with open(self.authority["authority"], "rb") as f:
+            cert = x509.load_pem_x509_certificate(f.read())
+        relay_ca.publish_trust_dir(cert, self.trust_dir)
+        self.authority["trust_dir"] = self.trust_dir
 
     def _launch(self):
         """Starts sshd on self.port; False if the port was taken."""
@@ -479,13 +522,42 @@ class RelayFixture:
     def add_code(self, code):
         self._relay_admin("--add-code", code)
 
-    def client_credentials(self, endpoint_id):
+    def client_credentials(self, endpoint_id, user=None, into=None):
         """What a test client of the endpoint needs, as a dict: user_cert,
         user_key (its key, PEM), user_dn (its subject, as in gridmap),
         endpoint_cert, endpoint_subject, trust_dir (the authority in
-        OpenSSL's hashed layout, for -CApath) and ca_bundle (for -CAfile).
+        OpenSSL's hashed layout with its signing policy, for -CApath and
+        X509_CERT_DIR) and ca_bundle (for -CAfile).  With user and into,
+        the certificate and key are copies in `into` that `user` owns.
         """
-        return dict(self._relay_admin("--show-endpoint", endpoint_id))
+        creds = dict(self._relay_admin("--show-endpoint", endpoint_id))
+        creds.update(trust_dir=self.trust_dir,
+                     ca_bundle=os.path.join(self.trust_dir, "ca-bundle.pem"))
+        if user:
+            creds.update(hand_over(
+                {"user_cert": creds["user_cert"],
+                 "user_key": creds["user_key"]}, user, into))
+        return creds
+
+    def server_credentials(self, name, user=None, into=None):
+        """A certificate signed by the relay's authority, with its key, for
+        a GridFTP server reached as `name` (an address or host name), as a
+        dict: cert, key, subject, trust_dir.  With user and into, as in
+        client_credentials."""
+        issued = os.path.join(self.path("issued"), name)
+        os.makedirs(self.path("issued"), mode=0o700, exist_ok=True)
+        self._relay_admin("--issue-server", name, issued)
+        creds = {"cert": os.path.join(issued, "server-cert.pem"),
+                 "key": os.path.join(issued, "server-key.pem")}
+        if user:
+            creds = hand_over(creds, user, into)
+        import relay_ca
+        from cryptography import x509
+        with open(creds["cert"], "rb") as f:
+            subject = x509.load_pem_x509_certificate(f.read()).subject
+        creds.update(subject=relay_ca.slash_form(subject),
+                     trust_dir=self.trust_dir)
+        return creds
 
     def make_v1_credentials(self, outdir):
         """Writes an old-style ltacert.pem/ltakey.pem pair signed by the
@@ -500,6 +572,29 @@ class RelayFixture:
                  verbose=False):
         return ssh_argv(self.port, identity, known_hosts or self.known_hosts,
                         forward_port, host=self.address, verbose=verbose)
+
+
+def hand_over(files, user, into):
+    """Copies {name: path} into the directory `into` for a program that
+    runs as `user`: the directory (made if missing, mode 0700) and the
+    copies belong to the user, a key (a name ending in "key") with mode
+    0600.  Returns {name: new path}."""
+    account = pwd.getpwnam(user)
+    os.makedirs(into, mode=0o700, exist_ok=True)
+    os.chown(into, account.pw_uid, account.pw_gid)
+    os.chmod(into, 0o700)
+    copies = {}
+    for name, src in files.items():
+        dst = os.path.join(into, os.path.basename(src))
+        with open(src, "rb") as f:
+            data = f.read()
+        fd = os.open(dst, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
+        with os.fdopen(fd, "wb") as f:
+            os.fchown(f.fileno(), account.pw_uid, account.pw_gid)
+            os.fchmod(f.fileno(), 0o600 if name.endswith("key") else 0o644)
+            f.write(data)
+        copies[name] = dst
+    return copies
 
 
 def _check_traversable(path):
@@ -561,6 +656,10 @@ def main(argv=None):
                        help="address to listen on (default 127.0.0.1)")
     start.add_argument("--netns",
                        help="network namespace to run sshd in (ip netns)")
+    start.add_argument("--authority-cert",
+                       help="for a new directory: the authority's "
+                            "certificate to use instead of a new one")
+    start.add_argument("--authority-key", help="... and its key")
     start.add_argument("--relay-option", action="append", default=[],
                        help="extra relay_server.py argument (repeatable), "
                             "e.g. --relay-option=--challenge=percent")
@@ -575,6 +674,18 @@ def main(argv=None):
              "subject and the trust directory for endpoint ID")
     creds.add_argument("--dir", required=True)
     creds.add_argument("id")
+    server = sub.add_parser(
+        "server-credentials",
+        help="issue a certificate and key for a GridFTP server reached as "
+             "NAME, and print their paths, the subject and the trust "
+             "directory")
+    server.add_argument("--dir", required=True)
+    server.add_argument("name")
+    for command in (creds, server):
+        command.add_argument("--for", dest="user",
+                             help="hand the certificate and key over to "
+                                  "this user, as copies it owns in --into")
+        command.add_argument("--into", help="directory for those copies")
     v1 = sub.add_parser(
         "make-v1-credentials",
         help="write an old-style ltacert.pem/ltakey.pem pair, signed by the "
@@ -590,7 +701,11 @@ def main(argv=None):
                            relay_options=getattr(args, "relay_option", []),
                            port=getattr(args, "port", None),
                            address=getattr(args, "address", "127.0.0.1"),
-                           netns=getattr(args, "netns", None))
+                           netns=getattr(args, "netns", None),
+                           authority=(args.authority_cert, args.authority_key)
+                           if getattr(args, "authority_cert", None) else None)
+    if getattr(args, "user", None) and not args.into:
+        p.error("--for needs --into")
     try:
         if args.cmd == "start":
             fixture.start()
@@ -604,8 +719,13 @@ def main(argv=None):
                 print("%s=%s" % (key, value))
         elif args.cmd == "stop":
             fixture.stop()
-        elif args.cmd == "client-credentials":
-            for key, value in fixture.client_credentials(args.id).items():
+        elif args.cmd in ("client-credentials", "server-credentials"):
+            issue = (fixture.client_credentials
+                     if args.cmd == "client-credentials"
+                     else fixture.server_credentials)
+            into = args.into and os.path.abspath(args.into)
+            for key, value in issue(getattr(args, "id", None) or args.name,
+                                    args.user, into).items():
                 print("%s=%s" % (key, value))
         elif args.cmd == "make-v1-credentials":
             fixture.make_v1_credentials(os.path.abspath(args.outdir))

@@ -2,16 +2,19 @@
 # Builds the Debian package from this checkout with Debian's own tools and
 # checks it, into build-deb/:
 #
-#   1. the package as shipped (dpkg-buildpackage; the relay keys and the
-#      anonymous key are whatever RELAYTOOL_CONFIGURE_ARGS gives, by default
-#      none): lintian must report no error, its file list must be exactly
-#      what `DESTDIR=... cmake --install` gives, its programs must carry the
-#      hardening flags, and it must trust no test relay key and hold no key;
-#   2. the same package built with the test relay's keys and the test
-#      anonymous key (never shipped): unpacked into a scratch root with
-#      dpkg-deb -x, its relaytool and pdeath set an endpoint up, log in and
-#      carry transfers through the local relay (the real sshd and ssh; needs
-#      root, otherwise this part is skipped and says so).
+#   1. the package as shipped (dpkg-buildpackage; the relay keys, the
+#      anonymous key and the relay's authority are whatever
+#      RELAYTOOL_CONFIGURE_ARGS gives, by default none): lintian must report
+#      no error, its file list must be exactly what `DESTDIR=... cmake
+#      --install` gives, its programs must carry the hardening flags, and it
+#      must trust no test relay key, hold no key and trust no authority;
+#   2. the same package built with the test relay's keys, the test anonymous
+#      key and the test authority (never shipped): unpacked into a scratch
+#      root with dpkg-deb -x, its relaytool-endpoint, relaytool, pdeath and
+#      trust directory set an endpoint up and serve files with Debian's
+#      GridFTP server through the local relay, both ways (the real sshd, ssh
+#      and GridFTP server and client in network namespaces; needs root,
+#      otherwise this part is skipped and says so).
 #
 # Usage: scripts/package.sh [--build-only]
 #   --build-only  just build the package as shipped (step 1 without checks)
@@ -116,20 +119,29 @@ while read -r _ key _; do  # the base64 field of each test key line
 done <tests/keys/test_relay_keys.txt
 [[ ! -e $unpacked/etc/relaytool/relay-anonymous.key ]] || [[ -n ${RELAYTOOL_CONFIGURE_ARGS:-} ]] ||
   fail "a package built without a key installs relay-anonymous.key"
+[[ ! -e $unpacked/etc/relaytool/trust ]] || [[ -n ${RELAYTOOL_CONFIGURE_ARGS:-} ]] ||
+  fail "a package built without an authority installs a trust directory"
 
 echo "== the installed programs through the local relay"
-build_package testkeys "-DRELAY_KEYS_FILE=$REPO/tests/keys/test_relay_keys.txt -DRELAYTOOL_ANONYMOUS_KEY=$REPO/tests/keys/anonymous.key"
+build_package testkeys "-DRELAY_KEYS_FILE=$REPO/tests/keys/test_relay_keys.txt -DRELAYTOOL_ANONYMOUS_KEY=$REPO/tests/keys/anonymous.key -DRELAYTOOL_RELAY_AUTHORITY=$REPO/tests/keys/relay_authority.pem"
 scratch=$OUT/testkeys/root
 rm -rf "$scratch"
 dpkg-deb -x "$DEB" "$scratch"
 chmod 755 "$OUT" "$OUT/testkeys" "$scratch"  # the relay's own account reads nothing here, but ssh checks paths
 key_mode=$(stat -c %a "$scratch/etc/relaytool/relay-anonymous.key")
 [[ $key_mode == 644 ]] || fail "relay-anonymous.key has mode $key_mode, not 644"
-if RELAYTOOL_TESTRELAY_BIN=$scratch/usr/libexec/relaytool/relaytool \
+hash=$(openssl x509 -in tests/keys/relay_authority.pem -noout -subject_hash)
+for name in "$hash.0" "$hash.signing_policy"; do
+  [[ $(stat -c %a "$scratch/etc/relaytool/trust/$name" 2>/dev/null) == 644 ]] ||
+    fail "the trust directory lacks $name with mode 644"
+done
+if RELAYTOOL_ENDPOINT_BIN=$scratch/usr/bin/relaytool-endpoint \
+   RELAYTOOL_TESTRELAY_BIN=$scratch/usr/libexec/relaytool/relaytool \
    PDEATH_BIN=$scratch/usr/libexec/relaytool/pdeath \
    RELAYTOOL_ETC_DIR=$scratch/etc/relaytool \
-   python3 tests/e2e/test_end_to_end.py EndToEndTests.test_login_and_transfers 2>&1 | tee "$OUT/testkeys/e2e.log" | tail -n 3
-then :; else fail "setup, login and transfers with the installed programs"; fi
+   python3 tests/e2e/test_gridftp.py GridftpThroughRelay.test_third_party_transfers_both_ways 2>&1 |
+   tee "$OUT/testkeys/e2e.log" | tail -n 3
+then :; else fail "setup and transfers both ways with the installed programs"; fi
 
 if [[ $failures -gt 0 ]]; then
   echo "package checks: $failures failed"

@@ -214,7 +214,7 @@ class AuthorityTests(RelayOnPipes, unittest.TestCase):
             self.assertRaises(OSError, open_authority, self.state)
         self.assertEqual(sorted(os.listdir(self.state)), ["state.lock"])
         open_authority(self.state)
-        self.assertEqual(len(os.listdir(relay_ca.trust_dir(self.state))), 2)
+        self.assertEqual(len(os.listdir(relay_ca.trust_dir(self.state))), 3)
 
     def test_names_as_openssl_prints_and_hashes_them(self):
         # openssl compares names case-blind and with runs of blanks

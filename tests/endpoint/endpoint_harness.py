@@ -23,7 +23,7 @@ ENDPOINT, TESTRELAY_TOOL, PDEATH = (
         ("RELAYTOOL_TESTRELAY_BIN", "tests/relaytool-testrelay"),
         ("PDEATH_BIN", "pdeath/pdeath")))
 STANDIN_TOOL = os.path.join(HERE, "standin_tool.py")
-STANDIN_WORKER = os.path.join(REPO, "tests", "e2e", "standin_worker.py")
+STANDIN_WORKER = os.path.join(REPO, "tests", "tool", "standin_worker.py")
 WAIT = 30  # seconds; the machine is shared and noisy
 
 
@@ -61,22 +61,20 @@ def processes_mentioning(text):
 
 
 class Workspace:
-    """A home, an installation directory with the anonymous key, and a
-    configuration directory with a gridftp.conf, all in one temporary
-    directory removed at the end of the test."""
+    """A home, an installation directory with the anonymous key, a
+    configuration directory and one for the stand-in workers' records, all
+    in one temporary directory removed at the end of the test."""
 
     def __init__(self, test):
         self.root = tempfile.mkdtemp(prefix="relaytool-endpoint-")
         test.addCleanup(shutil.rmtree, self.root, True)
         test.addCleanup(self.kill_leftovers)
-        self.home, self.etc_dir, self.serve_dir, self.config_dir = (
-            os.path.join(self.root, name) for name in ("home", "etc", "files", "config dir"))
-        for path in (self.home, self.etc_dir, self.serve_dir, self.config_dir):
+        self.home, self.etc_dir, self.workers, self.config_dir = (
+            os.path.join(self.root, name) for name in ("home", "etc", "workers", "config dir"))
+        for path in (self.home, self.etc_dir, self.workers, self.config_dir):
             os.mkdir(path, 0o700)
         shutil.copyfile(os.path.join(REPO, "tests", "keys", "anonymous.key"),
                         os.path.join(self.etc_dir, "relay-anonymous.key"))
-        with open(self.path("gridftp.conf"), "w") as f:
-            f.write("serve_dir = %s\n" % self.serve_dir)
         self.runs = []
 
     def path(self, name):
@@ -88,6 +86,7 @@ class Workspace:
         env = dict(PATH="/usr/bin:/bin", HOME=self.home, LANG="C.UTF-8",
                    HVN_GRIDFTP_PATH=STANDIN_WORKER, HVN_PDEATH_PATH=PDEATH,
                    HVN_GLOBAL_ETC_DIR=self.etc_dir, HVN_CONFIG_DIR=self.config_dir,
+                   WORKER_RECORD_DIR=self.workers,
                    RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4",
                    # no system bus unless a test brings its own
                    DBUS_SYSTEM_BUS_ADDRESS="unix:path=%s/no-bus" % self.root)
@@ -144,8 +143,6 @@ class RelayWorkspace(Workspace):
     def __init__(self, test, fixture):
         super().__init__(test)
         self.fixture = fixture
-        with open(os.path.join(self.serve_dir, "blob"), "wb") as f:
-            f.write(os.urandom(1 << 16))
 
     def env(self, **settings):
         base = dict(RELAYTOOL_PATH=TESTRELAY_TOOL, HVN_SSH_PATH="/usr/bin/ssh",

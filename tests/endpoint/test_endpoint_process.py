@@ -144,20 +144,27 @@ class Supervision(unittest.TestCase):
 
     def test_waits_for_what_is_not_there_yet(self):
         # At boot: the environment file on a home not yet mounted, then the
-        # GridFTP server not yet installed.
+        # GridFTP server not yet installed, then the shared directory; the
+        # server's configuration is written once all is there.
         ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "then": "wait"}])
         env_file = os.path.join(ws.root, "later", "endpoint.env")
-        server = os.path.join(ws.root, "gridftp-server")
+        server, shared = os.path.join(ws.root, "gridftp-server"), os.path.join(ws.root, "shared")
         run = ws.start("--env", env_file, "run", env=ws.env(HVN_GRIDFTP_PATH=None))
         run.wait_line(r"^state: waiting for cannot read the environment file %s" % env_file)
         os.mkdir(os.path.dirname(env_file))
         with open(env_file, "w") as f:
-            f.write("HVN_GRIDFTP_PATH=%s\n" % server)
+            f.write("HVN_GRIDFTP_PATH=%s\nRELAYTOOL_SHARED_DIRS=%s\n" % (server, shared))
         state = run.wait_state(lambda s: s["state"] == "waiting", "waiting for the server")
         self.assertIn("for HVN_GRIDFTP_PATH: cannot use %s" % server, state["reason"])
         self.assertEqual((state["last_failure"]["class"], ws.tool_runs()), ("not-ready", []))
         os.symlink("/bin/true", server)
+        run.wait_line(r"^state: waiting for RELAYTOOL_SHARED_DIRS: cannot share %s: No such file"
+                      % shared)
+        self.assertFalse(os.path.exists(ws.path("gridftp.conf")))
+        os.mkdir(shared)
         run.wait_state(lambda s: s["state"] == "idle", "idle")
+        with open(ws.path("gridftp.conf")) as f:
+            self.assertIn('restrict_paths "%s"' % shared, f.read())
         run.send_signal(signal.SIGTERM)
         self.assertEqual(run.wait_exit(), 0, run.report())
 

@@ -106,3 +106,23 @@ TEST(Settings, MissingOrMalformedValuesAreNamed) {
     EXPECT_EQ(problem_of(minimal(), Command::Run, nameless), "HVN_USER");
     EXPECT_EQ(problem_of({}, Command::Status, homeless), "HVN_CONFIG_DIR");
 }
+
+TEST(Settings, WhatTheGridFTPServerSharesAndTrusts) {
+    Settings s = resolve_ok(minimal());
+    EXPECT_EQ(s.shared_dirs, std::vector<std::string>{"/home/alice"});
+    EXPECT_EQ(s.trust_dir, RELAYTOOL_DEFAULT_TRUST_DIR);
+    s = resolve_ok(minimal(
+        {{"RELAYTOOL_SHARED_DIRS", "/srv/data//::/home/bob/"}, {"RELAYTOOL_TRUST_DIR", "/t/"}}));
+    EXPECT_EQ(s.shared_dirs, (std::vector<std::string>{"/srv/data", "/home/bob"}));
+    EXPECT_EQ(s.trust_dir, "/t");
+    EXPECT_EQ(s.tool_env.count("RELAYTOOL_SHARED_DIRS") + s.tool_env.count("RELAYTOOL_TRUST_DIR"),
+              0u);
+    // relative, or what the server's configuration cannot quote
+    for (const char* shared : {"/srv:data", "/srv/a,b", "/srv/$HOME", ":"}) {
+        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_SHARED_DIRS", shared}})),
+                  "RELAYTOOL_SHARED_DIRS")
+            << shared;
+    }
+    EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_TRUST_DIR", "trust"}})), "RELAYTOOL_TRUST_DIR");
+    EXPECT_EQ(problem_of(minimal({{"HVN_CONFIG_DIR", "/a\"b"}})), "HVN_CONFIG_DIR");
+}
