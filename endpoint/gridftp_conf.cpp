@@ -28,21 +28,21 @@ std::string joined(const std::vector<std::string>& parts, const char* separator)
 
 std::string gridftp_conf_text(const Settings& settings) {
     const std::string& dir = settings.config_dir;
-    std::string text = std::string(kGeneratedMarker) +
-                       "\n"
-                       "# To keep a configuration of your own here, remove that line; to get the\n"
-                       "# generated one back, remove or rename your file.\n"
-                       "#\n"
-                       "# The GridFTP server that the relay tool starts for each connection the\n"
-                       "# relay forwards (globus-gridftp-server -i -c this file), as\n"
-                       "# relaytool-endpoint configures it from RELAYTOOL_SHARED_DIRS and\n"
-                       "# RELAYTOOL_TRUST_DIR.\n"
-                       "\n"
-                       "# The endpoint's certificate and key, and the user map, as setup wrote them.\n"
-                       "$X509_USER_CERT " +
-                       quoted(dir + "/ftp-cert2.pem") + "\n$X509_USER_KEY " +
-                       quoted(dir + "/ftp-key2.pem") + "\n$GRIDMAP " + quoted(dir + "/gridmap") +
-                       "\n";
+    std::string text =
+        std::string(kGeneratedMarker) +
+        "\n"
+        "# To keep a configuration of your own here, remove that line; to get the\n"
+        "# generated one back, remove or rename your file.\n"
+        "#\n"
+        "# The GridFTP server that the relay tool starts for each connection the\n"
+        "# relay forwards (globus-gridftp-server -i -c this file), as\n"
+        "# relaytool-endpoint configures it from RELAYTOOL_SHARED_DIRS and\n"
+        "# RELAYTOOL_TRUST_DIR.\n"
+        "\n"
+        "# The endpoint's certificate and key, and the user map, as setup wrote them.\n"
+        "$X509_USER_CERT " +
+        quoted(dir + "/ftp-cert2.pem") + "\n$X509_USER_KEY " + quoted(dir + "/ftp-key2.pem") +
+        "\n$GRIDMAP " + quoted(dir + "/gridmap") + "\n";
     if (settings.trust_dir.empty()) {
         text +=
             "# No relay authority is trusted: the build has none and RELAYTOOL_TRUST_DIR\n"
@@ -82,8 +82,8 @@ int write_gridftp_conf(const Settings& settings, ConfOutcome& outcome) {
 bool trust_dir_ready(const std::string& dir, std::string& problem) {
     std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
     if (!listing) {
-        problem = "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " +
-                  hvlib::get_strerror_string(errno);
+        problem =
+            "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " + hvlib::get_strerror_string(errno);
         return false;
     }
     int certificates = 0;
@@ -91,17 +91,21 @@ bool trust_dir_ready(const std::string& dir, std::string& problem) {
         std::string name = entry->d_name;
         if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
         ++certificates;
-        std::string policy = name.substr(0, name.size() - 2) + ".signing_policy";
-        if (!hvlib::file_readable(dir + "/" + policy)) {
+        std::string policy = dir + "/";
+        policy.append(name, 0, name.size() - 2).append(".signing_policy");
+        if (!hvlib::file_readable(policy)) {
             // Globus would refuse every certificate of that authority, and
             // say so only to the client.
-            problem = "RELAYTOOL_TRUST_DIR: " + dir + "/" + name + " has no readable " + policy +
-                      " beside it, without which the GridFTP server refuses its certificates";
+            problem = hvlib::str_sprintf(
+                "RELAYTOOL_TRUST_DIR: %s/%s has no readable %s beside it, without which the "
+                "GridFTP server refuses its certificates",
+                dir.c_str(), name.c_str(), policy.c_str());
             return false;
         }
     }
     if (certificates == 0) {
-        problem = "RELAYTOOL_TRUST_DIR: " + dir + " holds no certificate under a hashed name "
+        problem = "RELAYTOOL_TRUST_DIR: " + dir +
+                  " holds no certificate under a hashed name "
                   "(<hash>.0)";
     }
     return certificates > 0;

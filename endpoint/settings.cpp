@@ -26,10 +26,20 @@ namespace {
 // mode switches would turn a login into a setup or a self-check, and the
 // tool's debug output holds its private keys (only --debug passes it on).
 const char* const kNotForTheTool[] = {
-    "NOTIFY_SOCKET", "WATCHDOG_PID",   "WATCHDOG_USEC",         "LISTEN_PID",
-    "LISTEN_FDS",    "LISTEN_FDNAMES", "HVN_SETUP_CODE",        "HVN_RELAYTOOL_TEST",
-    "HVN_DEBUG",     "RELAYTOOL_PATH", "RELAYTOOL_BACKOFF_MIN", "RELAYTOOL_BACKOFF_MAX",
-    "RELAYTOOL_SHARED_DIRS", "RELAYTOOL_TRUST_DIR",
+    "NOTIFY_SOCKET",
+    "WATCHDOG_PID",
+    "WATCHDOG_USEC",
+    "LISTEN_PID",
+    "LISTEN_FDS",
+    "LISTEN_FDNAMES",
+    "HVN_SETUP_CODE",
+    "HVN_RELAYTOOL_TEST",
+    "HVN_DEBUG",
+    "RELAYTOOL_PATH",
+    "RELAYTOOL_BACKOFF_MIN",
+    "RELAYTOOL_BACKOFF_MAX",
+    "RELAYTOOL_SHARED_DIRS",
+    "RELAYTOOL_TRUST_DIR",
 };
 
 // The GridFTP server's configuration quotes values and has no escapes, and
@@ -175,7 +185,8 @@ bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settin
     if (shared.empty()) shared = facts.home;
     for (const std::string& dir : hvlib::split(shared, ":", -1)) {
         if (dir.empty()) continue;
-        if (dir[0] != '/') return problem_with(problem, name, "'" + dir + "' is not an absolute path");
+        if (dir[0] != '/')
+            return problem_with(problem, name, "'" + dir + "' is not an absolute path");
         if (dir.find_first_of(kInexpressibleShared) != std::string::npos) {
             return problem_with(problem, name,
                                 "'" + dir +
@@ -187,9 +198,9 @@ bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settin
     if (out.shared_dirs.empty()) return problem_with(problem, name, "names no directory");
     out.trust_dir = value_of(env, "RELAYTOOL_TRUST_DIR");
     if (out.trust_dir.empty()) out.trust_dir = RELAYTOOL_DEFAULT_TRUST_DIR;
-    for (const auto& [variable, path] : {std::pair<const char*, std::string>{
-                                             "RELAYTOOL_TRUST_DIR", out.trust_dir},
-                                         {"HVN_CONFIG_DIR", out.config_dir}}) {
+    for (const auto& [variable, path] :
+         {std::pair<const char*, std::string>{"RELAYTOOL_TRUST_DIR", out.trust_dir},
+          {"HVN_CONFIG_DIR", out.config_dir}}) {
         if (!path.empty() && path[0] != '/') {
             return problem_with(problem, variable, "'" + path + "' is not an absolute path");
         }

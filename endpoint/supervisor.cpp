@@ -160,8 +160,9 @@ private:
         if (m_started) return true;
         if (outcome == ConfOutcome::Operators) note(path + " is the operator's own; left as it is");
         if (m_settings.trust_dir.empty()) {
-            note("RELAYTOOL_TRUST_DIR: not set, and this build trusts no relay authority: the "
-                 "GridFTP server will refuse certificates the relay issued");
+            note(
+                "RELAYTOOL_TRUST_DIR: not set, and this build trusts no relay authority: the "
+                "GridFTP server will refuse certificates the relay issued");
         }
         return true;
     }

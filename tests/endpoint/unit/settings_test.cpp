@@ -119,8 +119,7 @@ TEST(Settings, WhatTheGridFTPServerSharesAndTrusts) {
               0u);
     // relative, or what the server's configuration cannot quote
     for (const char* shared : {"/srv:data", "/srv/a,b", "/srv/$HOME", ":"}) {
-        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_SHARED_DIRS", shared}})),
-                  "RELAYTOOL_SHARED_DIRS")
+        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_SHARED_DIRS", shared}})), "RELAYTOOL_SHARED_DIRS")
             << shared;
     }
     EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_TRUST_DIR", "trust"}})), "RELAYTOOL_TRUST_DIR");
