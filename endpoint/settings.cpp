@@ -175,6 +175,20 @@ std::string default_env_file(const EnvMap& env, const SystemFacts& facts) {
 
 namespace {
 
+// A path that the GridFTP server's configuration is to hold: absolute, and
+// without the characters `forbidden` there.
+bool server_path(const char* name, const std::string& path, const char* forbidden,
+                 std::string& problem) {
+    if (path[0] != '/')
+        return problem_with(problem, name, "'" + path + "' is not an absolute path");
+    return path.find_first_of(forbidden) == std::string::npos ||
+           problem_with(problem, name,
+                        "'" + path +
+                            "' holds a character that the GridFTP server's configuration "
+                            "cannot express (a quote, backslash or line break; in a "
+                            "list also a comma or $)");
+}
+
 // What the GridFTP server shares (the home by default) and the authority it
 // trusts (the installed one by default; a build without one trusts none).
 bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settings& out,
@@ -185,31 +199,16 @@ bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settin
     if (shared.empty()) shared = facts.home;
     for (const std::string& dir : hvlib::split(shared, ":", -1)) {
         if (dir.empty()) continue;
-        if (dir[0] != '/')
-            return problem_with(problem, name, "'" + dir + "' is not an absolute path");
-        if (dir.find_first_of(kInexpressibleShared) != std::string::npos) {
-            return problem_with(problem, name,
-                                "'" + dir +
-                                    "' holds a quote, backslash, line break, comma or $, which "
-                                    "the GridFTP server's configuration cannot express");
-        }
+        if (!server_path(name, dir, kInexpressibleShared, problem)) return false;
         out.shared_dirs.push_back(absolute(dir, facts));
     }
     if (out.shared_dirs.empty()) return problem_with(problem, name, "names no directory");
     out.trust_dir = value_of(env, "RELAYTOOL_TRUST_DIR");
     if (out.trust_dir.empty()) out.trust_dir = RELAYTOOL_DEFAULT_TRUST_DIR;
-    for (const auto& [variable, path] :
-         {std::pair<const char*, std::string>{"RELAYTOOL_TRUST_DIR", out.trust_dir},
-          {"HVN_CONFIG_DIR", out.config_dir}}) {
-        if (!path.empty() && path[0] != '/') {
-            return problem_with(problem, variable, "'" + path + "' is not an absolute path");
-        }
-        if (path.find_first_of(kInexpressible) != std::string::npos) {
-            return problem_with(problem, variable,
-                                "'" + path +
-                                    "' holds a quote, backslash or line break, which the GridFTP "
-                                    "server's configuration cannot express");
-        }
+    if ((!out.trust_dir.empty() &&
+         !server_path("RELAYTOOL_TRUST_DIR", out.trust_dir, kInexpressible, problem)) ||
+        !server_path("HVN_CONFIG_DIR", out.config_dir, kInexpressible, problem)) {
+        return false;
     }
     if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, facts);
     return true;
