@@ -512,6 +512,10 @@ class Conversation:
                                     "new id %s, not %s" % (new_id, req["id"]))
         self.login(req)
         if self.settings["error_after_login"]:  # the relay's own trouble, for tests
+            # The client takes what one read gives it as one record, so the
+            # error goes in a write of its own, a moment after LOGIN_S.
+            if self.reader.readline(1.0) is None:
+                raise PeerGone()
             raise ProtocolError(self.settings["error_after_login"])
         self.heartbeats()
 
