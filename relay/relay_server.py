@@ -216,6 +216,7 @@ DEFAULTS = {
     "idle_timeout": 120.0,    # seconds to wait for each request before login
     "challenge": "hex",       # hex | base64url | percent (see make_challenge)
     "error_after_login": "",  # if set, ERROR_S with this text right after LOGIN_S
+    "error_logins": "0",      # for an endpoint's first N logins only; 0: for every one
 }
 
 
@@ -510,10 +511,12 @@ class Conversation:
             if req["id"] != new_id:
                 raise ProtocolError("the login after an upgrade must use the "
                                     "new id %s, not %s" % (new_id, req["id"]))
-        self.login(req)
-        if self.settings["error_after_login"]:  # the relay's own trouble, for tests
-            # The client takes what one read gives it as one record, so the
-            # error goes in a write of its own, a moment after LOGIN_S.
+        logins = self.login(req)
+        limit = int(self.settings["error_logins"])
+        if self.settings["error_after_login"] and (not limit or logins <= limit):
+            # The relay's own trouble, for tests. The client takes what one
+            # read gives it as one record, so the error goes in a write of
+            # its own, a moment after LOGIN_S.
             if self.reader.readline(1.0) is None:
                 raise PeerGone()
             raise ProtocolError(self.settings["error_after_login"])
@@ -601,6 +604,7 @@ class Conversation:
         self.send("LOGIN_S", [
             ("ep_display_name", self.settings["display_name"], True),
             ("web_ux_url", web_url, True)])
+        return entry["logins"]
 
     def _issue(self, state):
         """Fresh credentials; `state` must be held under its lock, which is

@@ -96,19 +96,17 @@ class EndpointThroughRelay(unittest.TestCase):
         relay = new_fixture(self)
         ws = RelayWorkspace(self, relay)
         ws.set_up(self, "endpoint-relay-error")
-        conf = os.path.join(relay.state_dir, "relay.conf")
-        with open(conf, "w") as f:
-            f.write("error_after_login = the relay is being updated\n")
+        with open(os.path.join(relay.state_dir, "relay.conf"), "w") as f:  # two logins fail
+            f.write("error_after_login = the relay is being updated\nerror_logins = 2\n")
         run = ws.start("run")
+        state = run.wait_state(lambda s: s["state"] == "idle" and s["restarts"] == 2,
+                               "idle once the relay is well")
+        self.assertEqual(state["last_failure"]["class"], "relay-error")
         waiting = "waiting to reconnect after relay-error: Relay server error: the relay is " \
                   "being updated"
-        self.assertTrue(wait_until(lambda: sum(s.startswith(waiting) for s in run.states()) >= 2),
-                        run.report())
         states = run.states()
+        self.assertEqual(sum(s.startswith(waiting) for s in states), 2, states)
         self.assertTrue(states[1].startswith("connected to the relay as "), states)  # a login first
-        os.unlink(conf)
-        state = run.wait_state(lambda s: s["state"] == "idle", "idle once the relay is well")
-        self.assertEqual(state["last_failure"]["class"], "relay-error")
 
         # killed outright, the supervisor takes the tool and ssh with it
         tool, ssh = state["tool_pid"], ws.ssh_pids()
