@@ -162,7 +162,7 @@ class Tool:
         return load(self.env["STANDIN_RECORD"])
 
     def worker_records(self):
-        return [load(p) for p in sorted(glob.glob(os.path.join(self.workers, "*.json")))]
+        return [load(p) for p in sorted(glob.glob(os.path.join(self.workers, "worker-*.json")))]
 
     def path(self, name):
         return os.path.join(self.config, name)
@@ -207,7 +207,7 @@ class Tool:
         pids += [self.record()["pid"]] if os.path.exists(self.env["STANDIN_RECORD"]) else []
         for pid in pids:  # only stand-ins still running, never a reused pid
             until(lambda: not standin_running(pid) or os.kill(pid, signal.SIGKILL), 3)
-        until(lambda: shutil.rmtree(self.dir, ignore_errors=True) or not os.path.exists(self.dir), 3)
+        shutil.rmtree(self.dir, ignore_errors=True)
 
 
 def standin_running(pid):
