@@ -1,6 +1,6 @@
 """Runs the relay tool as its parent does, with standin_relay.py as the watcher
 (and relay) and standin_worker.py as the GridFTP server. The tool's stdin is
-a pipe held open and never written to; every wait has a timeout, generous
+a pipe held open and never written to; every wait has a generous limit
 (WAIT), since the machine is shared and a slow run must not fail."""
 import functools, glob, json, os, re, shutil, signal, stat, subprocess, tempfile, threading, time
 from pathlib import Path
@@ -22,10 +22,6 @@ IDLE = b"RELAYTOOL=1 status=IDLE"
 def url_encode(data):
     """The tool's encoding: all but letters, digits and "_.-~/" as %XX."""
     return quote(data, safe="/")
-
-
-def load(path):
-    return json.loads(Path(path).read_text())
 
 
 def until(condition, seconds=WAIT):
@@ -83,7 +79,7 @@ class Stream:
         deadline = time.monotonic() + timeout
         with self.cond:
             while True:
-                found = [m for m in (re.fullmatch(pattern, l, re.S) for _, l in self.times) if m]
+                found = [m for m in (re.fullmatch(pattern, line, re.S) for _, line in self.times) if m]
                 if len(found) >= count:
                     return found[count - 1]
                 if time.monotonic() > deadline or not self.thread.is_alive():
@@ -104,15 +100,13 @@ class Tool:
         for d in (self.config, self.etc, self.workers):
             os.mkdir(d)
         shutil.copy(os.path.join(KEYS, "anonymous.key"), os.path.join(self.etc, "relay-anonymous.key"))
-        self.relay, self.worker = (executable(os.path.join(self.dir, n), Path(HERE, n).read_text())
-                                   for n in ("standin_relay.py", "standin_worker.py"))
+        self.relay = os.path.join(HERE, "standin_relay.py")
         self.env = {
-            "PATH": "/usr/bin:/bin", "HVN_OS": "Linux", "HVN_OS_VERSION": "Debian 12",
-            "HVN_APP_VERSION": "4.1 beta", "HVN_SSH_PATH": "/usr/bin/ssh", "HVN_GRIDFTP_PATH": self.worker,
+            "PATH": "/usr/bin:/bin", "HVN_OS": "Linux", "HVN_OS_VERSION": "Debian 12", "HVN_APP_VERSION": "4.1 beta",
+            "HVN_SSH_PATH": "/usr/bin/ssh", "HVN_GRIDFTP_PATH": os.path.join(HERE, "standin_worker.py"),
             "HVN_PDEATH_PATH": self.relay, "HVN_RELAY_SERVER": "relay.example", "HVN_USER": "alice",
-            "HVN_CONFIG_DIR": self.config, "HVN_GLOBAL_ETC_DIR": self.etc,
-            "STANDIN_RECORD": os.path.join(self.dir, "relay.json"),
-            "STANDIN_SCRIPT": os.path.join(self.dir, "script.json"), "WORKER_RECORD_DIR": self.workers}
+            "HVN_CONFIG_DIR": self.config, "HVN_GLOBAL_ETC_DIR": self.etc, "WORKER_RECORD_DIR": self.workers,
+            "STANDIN_RECORD": os.path.join(self.dir, "relay.json"), "STANDIN_SCRIPT": os.path.join(self.dir, "script")}
         self.env.update({"setup": {"HVN_SETUP_CODE": "code-1"}, "login": {"HVN_FTP_PORT": "-1"}}[mode])
         self.env.update(env, **({"HVN_DEBUG": ""} if debug else {}))
 
@@ -121,8 +115,7 @@ class Tool:
         self.close_pipes()
         for released in glob.glob(glob.escape(self.env["STANDIN_SCRIPT"]) + ".*"):
             os.remove(released)  # an earlier run's
-        with open(self.env["STANDIN_SCRIPT"], "w") as f:
-            json.dump(list(script), f)
+        Path(self.env["STANDIN_SCRIPT"]).write_text(json.dumps(list(script)))
         self.proc = subprocess.Popen([self.binary], env=self.env, cwd=self.dir, stdin=stdin,
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
         self.out, self.err = Stream(self.proc.stdout), Stream(self.proc.stderr)
@@ -153,16 +146,16 @@ class Tool:
 
     def release(self, name):
         """Lets the relay stand-in go on past its ["await", name] step."""
-        open(self.env["STANDIN_SCRIPT"] + "." + name, "w").close()
+        Path(self.env["STANDIN_SCRIPT"] + "." + name).touch()
 
     def record(self, timeout=WAIT):
         """The relay stand-in's record, once it has written one."""
         if not until(lambda: os.path.exists(self.env["STANDIN_RECORD"]), timeout):
             raise AssertionError("the relay stand-in was never started")
-        return load(self.env["STANDIN_RECORD"])
+        return json.loads(Path(self.env["STANDIN_RECORD"]).read_text())
 
     def worker_records(self):
-        return [load(p) for p in sorted(glob.glob(os.path.join(self.workers, "worker-*.json")))]
+        return [json.loads(Path(p).read_text()) for p in sorted(glob.glob(os.path.join(self.workers, "worker-*")))]
 
     def path(self, name):
         return os.path.join(self.config, name)
@@ -174,8 +167,8 @@ class Tool:
         Path(self.path(name)).write_bytes(data)
         os.chmod(self.path(name), 0o600)
 
-    def mode(self, name):
-        return stat.S_IMODE(os.stat(self.path(name)).st_mode)
+    def modes(self):
+        return {stat.S_IMODE(os.stat(self.path(n)).st_mode) for n in self.files()}
 
     def files(self):
         return sorted(os.listdir(self.config))
