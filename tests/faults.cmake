@@ -1,16 +1,13 @@
-# Fault-injection and descriptor tests of the relay tool (tests/faults/):
-# setup and upgrade broken off at every point and on a full disk, descriptors
-# running out, lost and silent peers, a burst of connections, what children
-# inherit, and a scripted login and the self-check under memcheck. Included
-# from tests/CMakeLists.txt. The full-disk case needs root (a tmpfs mount) and
-# skips itself without it; the memcheck runs are skipped in sanitizer builds.
+# Fault-injection tests of the relay tool (tests/faults/): setup, re-setup
+# and upgrade broken off, descriptors running out, the ssh child killed, and a
+# scripted login and the self-check under memcheck. Included from
+# tests/CMakeLists.txt. The memcheck runs are skipped in sanitizer builds.
 if(NOT TEST_PYTHON)
   find_program(TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 endif()
 
 set(faults_env "RELAYTOOL=$<TARGET_FILE:relaytool>"
-               "RELAYTOOL_TESTRELAY=$<TARGET_FILE:relaytool-testrelay>"
-               "PDEATH=$<TARGET_FILE:pdeath>")
+               "RELAYTOOL_TESTRELAY=$<TARGET_FILE:relaytool-testrelay>")
 if(RELAYTOOL_SANITIZE OR RELAYTOOL_FUZZ)
   list(APPEND faults_env RELAYTOOL_SANITIZED=1)
 endif()

@@ -88,16 +88,6 @@ class BrokenOff(unittest.TestCase):
                     if how == "blocked":
                         shutil.rmtree(t.path(what))
                     self.assertEqual(self.start_again(t), "login" if marker else "upgrade" if mode == "upgrade" else "none")
-        for mode in MSG:
-            with self.subTest(mode=mode, how="complete"):
-                login = [["expect", "msg=LOGIN_C id=ep-1234 .*"]] if mode == "upgrade" else []
-                t, status = self.first_run(mode, [["send", reply[mode]]] + login + [["exit", 0]])
-                self.assertEqual((status, t.err.data), (1, PREFIX[mode] + b"HVN V2 setup complete\nUpgrade complete, "
-                                                        b"sending login\n") if mode == "upgrade" else
-                                 (0, b"HVN V2 setup complete\n"))
-                self.assertEqual({n: t.read(n) for n, _ in NEW}, dict(NEW))
-                self.assertFalse(any(os.path.exists(t.path(n)) for n in LTA))
-                self.assertEqual(self.start_again(t), "login")
 
 
 if __name__ == "__main__":

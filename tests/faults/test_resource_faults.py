@@ -1,20 +1,16 @@
 #!/usr/bin/python3
 """Descriptors running out and the ssh child killed: the tool serves on or
 ends with its own words, never leaves a connection hanging, and leaves no
-descriptor behind. And ssh behind the real watcher gets descriptors 0, 1 and
-2 only (the workers': tool/test_workers.py)."""
+descriptor behind."""
 import os, resource, signal, socket, sys, unittest
-from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tool"))
-from harness import IDLE, WAIT, Tool, executable, links, until  # noqa: E402
+from harness import IDLE, WAIT, Tool, until  # noqa: E402
 
 OUT_OF_FDS = rb"(Connecting to server: relay\.example:2223\n)?" \
              rb"(Fatal Posix Error: \w+|Fatal Error: Couldn't open for \w+ '[^']*'): Too many open files\n\n?"
 NO_LSAN = "detect_leaks=0"  # sanitizer builds: LeakSanitizer needs descriptors of its own at exit
 HARD = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-PDEATH = os.environ.get("PDEATH") or os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(
-    os.path.abspath(__file__)))), "build", "pdeath", "pdeath")
 
 
 def fds(pid):
@@ -25,25 +21,6 @@ def limit_fds(pid, above_lowest_free):
     """Lets the process open `above_lowest_free` more descriptors."""
     lowest = min(set(range(len(fds(pid)) + 1)) - set(fds(pid)))
     resource.prlimit(pid, resource.RLIMIT_NOFILE, (lowest + above_lowest_free, HARD))
-
-
-def comm(pid):
-    """The process's name; empty once it has gone."""
-    try:
-        return Path("/proc/%d/comm" % pid).read_text()
-    except OSError:
-        return ""
-
-
-def children(pid):
-    found = []
-    for p in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            if Path("/proc/%s/stat" % p).read_text().rpartition(")")[2].split()[1] == str(pid):
-                found.append(int(p))
-        except OSError:
-            pass
-    return found
 
 
 class Faults(unittest.TestCase):
@@ -98,26 +75,6 @@ class Faults(unittest.TestCase):
         self.assertFalse(self.served(port))
         self.assertEqual(t.wait(), 1)
         self.assertTrue(t.err.data.endswith(b"Fatal Posix Error: pipe: Too many open files\n"), t.err.data[-300:])
-
-    def test_ssh_behind_the_real_watcher(self):
-        t = Tool(self, HVN_PDEATH_PATH=PDEATH, HVN_FTP_PORT="0")  # with a listener open in the tool
-        t.env["HVN_SSH_PATH"] = executable(os.path.join(t.dir, "ssh"), "#!/bin/sh\nexec sleep 60\n")
-        t.credentials()
-        t.start()
-        below = lambda: [q for p in children(t.proc.pid) for q in [p] + children(p)]  # noqa: E731
-        sleeping = lambda p: comm(p) == "sleep\n"  # noqa: E731
-        until(lambda: any(map(sleeping, below())))
-        procs = below()  # the watcher, if it stays, and ssh
-        sleeper = [p for p in procs if sleeping(p)][0]
-        self.addCleanup(lambda: sleeping(sleeper) and os.kill(sleeper, signal.SIGKILL))
-        pipes = {v for n, v in links(t.proc.pid).items() if n > 2 and v.startswith("pipe:")}
-        for pid in procs:
-            held = links(pid)
-            self.assertEqual(sorted(held), [0, 1, 2])
-            self.assertEqual(len(set(held.values()) & pipes), 3, held)  # three different pipes of the tool
-        t.proc.stdin.close()  # the parent dies
-        self.assertEqual(t.wait(), 1)
-        self.assertTrue(until(lambda: not sleeping(sleeper)))  # the watcher ends ssh too
 
 
 if __name__ == "__main__":

@@ -10,7 +10,8 @@ test creates STANDIN_SCRIPT.name, ["mark", name], ["eof"], ["exit", code]."""
 import fcntl, json, os, re, struct, sys, termios, time
 
 WAIT = 60  # seconds for a drain or an await; then the script fails
-record = {"pid": os.getpid(), "argv": sys.argv[1:], "received": [], "verified": [], "marks": {}, "done": False}
+record = {"pid": os.getpid(), "argv": sys.argv[1:], "received": [], "verified": [], "marks": {}, "done": False,
+          "fds": [fd for fd in range(1024) if os.path.lexists("/proc/self/fd/%d" % fd)]}
 
 
 def save():  # in one step

@@ -46,6 +46,7 @@ class Workers(unittest.TestCase):
                 flags = int(re.search(r"flags:\s*(\d+)", f.read()).group(1), 8)
             self.assertTrue(flags & 0o2000000, "descriptor %d (%s) is not close-on-exec" % (n, tool[n]))
         self.assertIn(inherited[0], tool)
+        self.assertEqual(t.err.lines()[0], b"ERROR: fd %d was active" % inherited[0])
 
         time.sleep(1.2)  # a tick without a change writes nothing
         b.close()
