@@ -10,9 +10,8 @@ def ends(pid, timeout=WAIT):
     """Whether the process ends within timeout seconds (a zombie has ended)."""
     for _ in range(int(timeout / 0.02)):
         try:
-            with open(f"/proc/{pid}/stat") as f:
-                if f.read().rpartition(")")[2].split()[0] == "Z":
-                    return True
+            if open(f"/proc/{pid}/stat").read().rpartition(")")[2].split()[0] == "Z":
+                return True
         except OSError:
             return True
         time.sleep(0.02)
@@ -120,21 +119,22 @@ class PdeathTest(unittest.TestCase):
         # for the next event: the signals instead wake a select() through the
         # wakeup pipe, into which each is written the moment it arrives. Each
         # signal is sent only once the previous one is acknowledged.
-        script = ("import os, select, signal\n"
-                  "fds = [fd for fd in range(1024) if os.path.lexists(f'/proc/self/fd/{fd}')]\n"
-                  "os.write(1, b'%r %d\\n' % (fds, os.getpid()))\n"
-                  "r, w = os.pipe()\n"
-                  "os.set_blocking(w, False)\n"
-                  "signal.set_wakeup_fd(w)\n"
-                  "for s in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):\n"
-                  "    signal.signal(s, lambda *_: None)\n"
-                  "os.write(1, b'ready\\n')\n"
-                  "while True:\n"
-                  "    ready = select.select([0, r], [], [])[0]\n"
-                  "    if r in ready:\n"
-                  "        os.write(1, b''.join(b'%d\\n' % n for n in os.read(r, 64)))\n"
-                  "    if 0 in ready and not os.read(0, 4096):\n"
-                  "        break\n")
+        script = """import os, select, signal
+fds = [fd for fd in range(1024) if os.path.lexists(f'/proc/self/fd/{fd}')]
+os.write(1, b'%r %d\\n' % (fds, os.getpid()))
+r, w = os.pipe()
+os.set_blocking(w, False)
+signal.set_wakeup_fd(w)
+for s in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+    signal.signal(s, lambda *_: None)
+os.write(1, b'ready\\n')
+while True:
+    ready = select.select([0, r], [], [])[0]
+    if r in ready:
+        os.write(1, b''.join(b'%d\\n' % n for n in os.read(r, 64)))
+    if 0 in ready and not os.read(0, 4096):
+        break
+"""
         with started(str(os.getpid()), sys.executable, "python3", "-c", script,
                      stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0) as proc:
             fds, pid = read_line(proc.stdout).rsplit(b" ", 1)

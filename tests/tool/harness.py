@@ -140,8 +140,7 @@ class Tool:
         except subprocess.TimeoutExpired:
             self.proc.kill()
             raise AssertionError("tool still running after %ss; stderr: %r" % (timeout, self.err.data[-3000:]))
-        self.out.thread.join(5)
-        self.err.thread.join(5)
+        self.close_pipes()
         return self.proc.returncode
 
     def release(self, name):
@@ -180,16 +179,14 @@ class Tool:
         return self.public_key(key)
 
     def public_key(self, key):
-        path = os.path.join(self.dir, "public-%d.pem" % key)
-        Path(path).write_bytes(keypair(key)[1])
-        return path
+        Path(self.dir, "public-%d.pem" % key).write_bytes(keypair(key)[1])
+        return os.path.join(self.dir, "public-%d.pem" % key)
 
     def close_pipes(self):  # once the tool has ended and the readers have seen the end
-        if self.proc:
-            self.out.thread.join(5)
-            self.err.thread.join(5)
-            for f in (self.proc.stdin, self.proc.stdout, self.proc.stderr):
-                f and f.close()
+        for stream in (self.out, self.err) if self.proc else ():
+            stream.thread.join(5)
+        for f in (self.proc.stdin, self.proc.stdout, self.proc.stderr) if self.proc else ():
+            f and f.close()
 
     def cleanup(self):
         if self.proc and self.proc.poll() is None:
