@@ -1,13 +1,11 @@
 #!/usr/bin/env bash
-# Checks that an ELF program was built with the hardening flags: PIE (type DYN
-# and FLAGS_1 PIE), no text relocations, full RELRO (GNU_RELRO + BIND_NOW), a
-# non-executable stack, the stack protector (__stack_chk_fail imported) and
-# fortified libc calls (__*_chk imported).
-#
+# Checks that an ELF program was built with the hardening flags: PIE, no text
+# relocations, full RELRO, a non-executable stack, the stack protector and
+# fortified libc calls.
 # Usage: check_hardening.sh [--no-fortify] [--no-canary] [--skip REASON] PROGRAM
-#   --no-fortify  leave out the fortify check (builds without optimisation)
-#   --no-canary   leave out the stack protector check (a program none of whose
-#                 functions needs a canary imports no __stack_chk_fail)
+#   --no-fortify  no fortify check (builds without optimisation)
+#   --no-canary   no stack protector check (for a program none of whose
+#                 functions needs a canary, which imports no __stack_chk_fail)
 #   --skip        report REASON and exit 77, which CTest shows as skipped
 set -uo pipefail
 export LC_ALL=C

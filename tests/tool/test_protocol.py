@@ -1,8 +1,7 @@
 #!/usr/bin/python3
 """The relay conversation against a scripted relay: setup, login with the
 signed challenge, the one-time upgrade, framing, and faults from the relay."""
-import re
-import unittest
+import re, signal, unittest
 
 from harness import CONNECTED, URL, V2DONE, Tool, keypair, login_steps, setup_s, url_encode
 
@@ -45,7 +44,8 @@ class Conversation(unittest.TestCase):
                 ([".", "\n", "msg=CHALL", "ENGE_S string=abc%20def", "\n"], "abc%20def", [login_s + ".\n.\n", ".\n"]),
                 (["msg=CHALLENGE_S string=abc\nmsg=LOGIN_S ep_display_name=x web_ux_url=y\n"], "abc\nmsg=LOGIN_S",
                  [login_s]),
-                (["msg=CHALLENGE_S string=%s\n" % ("A" * 1000000)], "A" * 1000000, [login_s])]:
+                (["msg=CHALLENGE_S string=%s\n" % ("A" * 1000000)], "A" * 1000000, [login_s]),
+                (["msg=CHALLENGE_S string=\n"], "", [login_s])]:
             with self.subTest(signed=signed[:20]):
                 t = Tool(self)
                 public = t.credentials(client_id=b"  ep-1234\r\n")
@@ -76,6 +76,15 @@ class Conversation(unittest.TestCase):
         self.assertEqual(t.err.data, CONNECTING + b"Trying to upgrade to V2 creds\nHVN V2 setup complete\n"
                          b"Upgrade complete, sending login\n")
         self.assertEqual(t.files(), sorted(WRITTEN + SSH_FILES + ["config", "v2done.txt"]))
+
+    def test_a_client_key_that_cannot_be_read_aborts_the_signing(self):
+        for key in (b"", keypair(0)[0][:800], keypair(0)[1]):  # empty, cut, a public key
+            with self.subTest(key=key[:30]):
+                t = Tool(self)
+                t.credentials()
+                t.write("client-key.pem", key)
+                self.assertEqual(t.run(login_steps(None)[:2] + [["eof"]]), -signal.SIGABRT)
+                self.assertRegex(t.err.data, rb"\nlib/sign:\d+: failed precondition 'key != NULL'\n$")
 
     def test_server_errors_and_bad_messages(self):
         error_s = "msg=ERROR_S message=Bad%20code%0Atry%3Dlater\n"

@@ -30,12 +30,6 @@ protected:
     std::string dir;
 };
 
-std::string bytes(size_t size) {
-    std::string data;
-    for (size_t i = 0; i < size; ++i) data += static_cast<char>(i * 7 % 256);
-    return data;
-}
-
 }  // namespace
 
 TEST_F(FileTest, PrivateFilesAreWrittenWholeAndReadByteExact) {
@@ -46,10 +40,9 @@ TEST_F(FileTest, PrivateFilesAreWrittenWholeAndReadByteExact) {
     hvlib::create_private_file_with_contents(path, "second");  // truncated, mode kept
     EXPECT_EQ(mode(path), 0644u);
     EXPECT_EQ(hvlib::read_file_contents(path), "second");
-    for (size_t size : {0, 1, 4095, 4096, 4097, 10000}) {
-        hvlib::create_private_file_with_contents(path, bytes(size));
-        EXPECT_EQ(hvlib::read_file_contents(path), bytes(size)) << size;
-    }
+    const std::string data(10000, '\0');  // more than one read, zero bytes
+    hvlib::create_private_file_with_contents(path, data);
+    EXPECT_EQ(hvlib::read_file_contents(path), data);
     EXPECT_TRUE(hvlib::file_readable(path));
     EXPECT_FALSE(hvlib::file_readable(dir + "/missing"));
 }
@@ -73,7 +66,7 @@ TEST_F(FileTest, TryReadAndAtomicReplaceReturnTheErrorAndLeaveOnlyWholeFiles) {
     EXPECT_EQ(hvlib::try_read_file_contents(dir + "/missing", contents), ENOENT);
     EXPECT_EQ(contents, "");
     EXPECT_EQ(hvlib::try_read_file_contents(dir, contents), EISDIR);
-    for (const std::string& data : {bytes(10000), std::string()}) {
+    for (const std::string& data : {std::string(10000, '\xff'), std::string()}) {
         EXPECT_EQ(hvlib::replace_file_atomically(path, data), 0);
         EXPECT_EQ(mode(path), 0600u);
         EXPECT_EQ(hvlib::try_read_file_contents(path, contents), 0);
