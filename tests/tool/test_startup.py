@@ -44,6 +44,10 @@ class Startup(unittest.TestCase):
         del t.env["HVN_FTP_PORT"]
         self.assertEqual(t.run(), 2)
         self.assertEqual((t.err.data, t.files()), (b"Env var 'HVN_FTP_PORT' must be set\n", SSH_FILES))
+        t.env["HVN_FTP_PORT"] = "-1"  # no credentials: said once the tunnel is up
+        self.assertEqual((t.run(), t.err.data), (1, b"Connecting to server: relay.example:22\n"
+                                                    b"Fatal Error: No HVN credentials found\n"))
+        self.assertEqual(t.record()["argv"][-3:], ["-p", "22", "relay.example"])
         self.assertRegex(t.read(SSH_FILES[1]),  # two lines, with the bare host
                          rb"^(relay\.example ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABAQ[A-Za-z0-9+/=]{342}\n){2}$")
         t = Tool(self, mode="setup", HVN_RELAY_SERVER="fe80::1")
