@@ -33,6 +33,9 @@ class Workers(unittest.TestCase):
         t.err.wait_for(HALF_LINE, count=2)
 
         tool, workers = links(t.proc.pid), t.worker_records()
+        listening = [row.split() for row in open("/proc/net/tcp").read().splitlines()[1:]]
+        self.assertEqual([r[1] for r in listening if r[3] == "0A" and "socket:[%s]" % r[9] in tool.values()],
+                         ["0100007F:%04X" % port])  # on 127.0.0.1 only
         error_pipe = [v for v in tool.values() if v.startswith("pipe:") and list(tool.values()).count(v) == 2]
         self.assertEqual(len(workers), 2)
         for w in workers:  # the connection it answered on, and the error pipe whose both ends the tool holds
