@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Stand-in for the GridFTP server in inetd mode: records its pid and
-arguments as WORKER_RECORD_DIR/worker-PID.json, writes a line and a half to
+"""Stand-in for the GridFTP server in inetd mode: records its pid, arguments
+and whether its connection is non-blocking as WORKER_RECORD_DIR/worker-PID.json, writes a line and a half to
 stderr, answers the first line from the connection with "echo <line>",
 finishes the half line, and then holds the connection until the other side
 closes it. A SIGTERM ends it with status 0 and a record terminated-PID.json."""
-import json, os, signal, sys
+import fcntl, json, os, signal, sys
 
 
 def save(data, name):  # in one step
@@ -15,7 +15,8 @@ def save(data, name):  # in one step
 
 
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(save({}, "terminated-%d.json")))
-save({"pid": os.getpid(), "argv": sys.argv[1:]}, "worker-%d.json")
+save({"pid": os.getpid(), "argv": sys.argv[1:], "nonblocking": bool(fcntl.fcntl(0, fcntl.F_GETFL) & os.O_NONBLOCK)},
+     "worker-%d.json")
 os.write(2, b"worker %d ready\nhal" % os.getpid())
 line = sys.stdin.buffer.readline()
 os.write(1, b"echo " + line)

@@ -39,7 +39,7 @@ class Workers(unittest.TestCase):
         error_pipe = [v for v in tool.values() if v.startswith("pipe:") and list(tool.values()).count(v) == 2]
         self.assertEqual(len(workers), 2)
         for w in workers:  # the connection it answered on, and the error pipe whose both ends the tool holds
-            self.assertEqual(w["argv"], ["-i", "-c", t.path("gridftp.conf")])
+            self.assertEqual((w["argv"], w["nonblocking"]), (["-i", "-c", t.path("gridftp.conf")], False))
             self.assertIn(b"[ftp stderr] worker %d ready" % w["pid"], t.err.lines())
             fds = links(w["pid"])
             self.assertEqual(fds, {0: fds[0], 1: fds[0], 2: error_pipe[0]})
