@@ -1,9 +1,10 @@
 #!/usr/bin/python3
 """Stand-in for the GridFTP server in inetd mode: records its pid, arguments
-and whether its connection is non-blocking as WORKER_RECORD_DIR/worker-PID.json, writes a line and a half to
-stderr, answers the first line from the connection with "echo <line>",
-finishes the half line, and then holds the connection until the other side
-closes it. A SIGTERM ends it with status 0 and a record terminated-PID.json."""
+and whether its connection is non-blocking as WORKER_RECORD_DIR/worker-PID.json,
+writes a line and a half to stderr, answers the first line from the
+connection with "echo <line>", finishes the half line, and then holds the
+connection until the other side closes it. A SIGTERM ends it with status 0
+and a record terminated-PID.json."""
 import fcntl, json, os, signal, sys
 
 
