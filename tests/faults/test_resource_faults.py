@@ -61,6 +61,7 @@ class Faults(unittest.TestCase):
         before = fds(pid)
         limit_fds(pid, 0)  # accept() fails with EMFILE: closed unserved, again and again
         self.assertEqual([self.served(port) for _ in range(3)], [False] * 3)
+        self.assertTrue(until(lambda: fds(pid) == before))  # the spare taken again after the last one
         limit_fds(pid, 1)  # room for one connection at a time
         self.assertEqual([self.served(port, b"hi %d" % i) for i in range(3)], [True] * 3)
         t.out.wait_for(IDLE, count=3)
