@@ -3,7 +3,8 @@
 // between MAX/2 and MAX. Drawing from the upper half of each range keeps the
 // delays growing while it spreads endpoints that lost the same relay at once.
 // A Long one, where hammering cannot help, is drawn as if kLongSkip failures
-// had come first. A connection that lasted a minute starts from MIN again.
+// had come first. A connection that lasted as long as the longest delay
+// (MAX, a minute at most) starts from MIN again.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +15,7 @@ namespace endpoint {
 
 class Backoff {
 public:
-    static constexpr double kStableSeconds = 60;    // a connection this long resets
+    static constexpr double kStableSeconds = 60;    // a connection this long resets, or MAX
     static constexpr double kLimitSeconds = 86400;  // largest MIN or MAX accepted
     static constexpr int kLongSkip = 5;             // a Long one starts at 32*MIN
 
@@ -38,7 +39,7 @@ public:
 
     // A run of the tool ended after being connected for `seconds`.
     void connection_lasted(double seconds) {
-        if (seconds >= kStableSeconds) m_failures = 0;
+        if (seconds >= std::min(m_max, kStableSeconds)) m_failures = 0;
     }
 
     int failures_in_a_row() const { return m_failures; }

@@ -1,4 +1,4 @@
-// The command line, relaytool-endpoint [OPTIONS] COMMAND, and the commands.
+// The command line, relaytool-endpoint COMMAND [OPTION], and the commands.
 #pragma once
 
 #include <string>
@@ -9,9 +9,9 @@ namespace endpoint {
 
 struct CommandLine {
     Command command = Command::Run;
-    std::string env_file;  // empty: the default file, if it exists
-    bool json = false;     // status
-    bool debug = false;    // setup, run: pass the tool's debug output on
+    bool json = false;   // status
+    bool debug = false;  // setup, run: pass the tool's debug output on
+    bool now = false;    // pause: without waiting for the running transfers
     bool help = false;
     bool version = false;
 };
@@ -22,12 +22,15 @@ bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std
 extern const char* const kUsage;
 
 // Keeps the tool logged in; the exit status is 0 when stopped by a signal.
-int run_supervisor(const CommandLine& cli, char** envp);
+int run_supervisor(const CommandLine& cli, const Settings& settings);
 
 // Sets the endpoint up with a code read from standard input.
-int run_setup(const CommandLine& cli, char** envp);
+int run_setup(const CommandLine& cli, const Settings& settings);
 
 // 0 if a supervisor runs for the configuration directory, 3 if none does.
 int show_status(const std::string& config_dir, bool json);
+
+// Asks the running supervisor to pause or resume: 0 done, 1 refused, 3 none runs.
+int send_command(const std::string& config_dir, const std::string& command);
 
 }  // namespace endpoint

@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 
 #include "diag.h"
@@ -16,11 +18,77 @@ const char* const kGeneratedMarker =
 
 namespace {
 
+// Never served unless named as a shared directory themselves: besides the
+// configuration directory, where the user's keys live.
+const char* const kPrivateStores[] = {
+    ".ssh", ".gnupg", ".globus", ".pki", ".local/share/keyrings", ".password-store",
+};
+
 std::string quoted(const std::string& value) { return "\"" + value + "\""; }
 
-std::string joined(const std::vector<std::string>& parts, const char* separator) {
+// The path with symbolic links resolved as far as it exists: the GridFTP
+// server resolves both its restrictions and what a client asks for, but a
+// restriction on a path that does not exist yet only as written.
+std::string resolved(const std::string& path) {
+    std::string head = path, tail;
+    for (;;) {
+        if (char* real = realpath(head.c_str(), nullptr)) {
+            std::string result = real;
+            free(real);
+            return result == "/" ? tail : result + tail;
+        }
+        size_t slash = head.rfind('/');
+        if (slash == 0 || slash == std::string::npos) return path;
+        tail = head.substr(slash) + tail;
+        head.resize(slash);
+    }
+}
+
+bool inside(const std::string& path, const std::string& dir) {
+    return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+           (dir == "/" || path[dir.size()] == '/');
+}
+
+// restrict_paths: each shared directory (R: read-only), and "N" (no access)
+// for each private store inside one. The directories between a writable
+// share and a store are read-only, or a client could rename one and find
+// the store under a new name.
+std::string restricted_paths(const Settings& settings) {
+    std::vector<std::pair<std::string, bool>> shares;  // resolved, writable
+    std::vector<std::string> entries;
+    auto add = [&entries](const std::string& entry) {
+        if (std::find(entries.begin(), entries.end(), entry) == entries.end()) {
+            entries.push_back(entry);
+        }
+    };
+    for (const Share& share : settings.shared) {
+        shares.emplace_back(resolved(share.dir), !share.read_only);
+        add((share.read_only ? "R" : "") + share.dir);
+    }
+    std::vector<std::string> stores = {settings.config_dir};
+    for (const char* store : kPrivateStores) {
+        if (!settings.home.empty()) stores.push_back(settings.home + "/" + store);
+    }
+    for (const std::string& store : stores) {
+        std::string path = resolved(store);
+        auto is_share = [&](const std::string& p) {
+            return std::any_of(shares.begin(), shares.end(), [&](auto& s) { return s.first == p; });
+        };
+        bool served = std::any_of(shares.begin(), shares.end(),
+                                  [&](auto& share) { return inside(path, share.first); });
+        if (is_share(path) || !served) continue;
+        for (size_t slash = path.find('/', 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            std::string above = path.substr(0, slash);
+            bool writable = std::any_of(shares.begin(), shares.end(), [&](auto& share) {
+                return share.second && inside(above, share.first);
+            });
+            if (writable && !is_share(above)) add("R" + above);
+        }
+        add("N" + path);
+    }
     std::string text;
-    for (const std::string& part : parts) text += (text.empty() ? "" : separator) + part;
+    for (const std::string& entry : entries) text += (text.empty() ? "" : ",") + entry;
     return text;
 }
 
@@ -53,18 +121,20 @@ std::string gridftp_conf_text(const Settings& settings) {
     }
     return text +
            "\n"
-           "# What it serves; a client starts in the first directory.\n"
+           "# What it serves (R: read only), and never (N) the private stores inside,\n"
+           "# nor through a symbolic link; a client starts in the first directory.\n"
            "restrict_paths " +
-           quoted(joined(settings.shared_dirs, ",")) + "\nhome_dir " +
-           quoted(settings.shared_dirs.front()) +
+           quoted(restricted_paths(settings)) + "\nhome_dir " +
+           quoted(settings.shared.front().dir) +
            "\n"
            "\n"
            "# Its log goes, line by line and at once, to its standard error, which the\n"
-           "# tool copies into the endpoint's log; DUMP adds the control channel, whose\n"
-           "# replies say why a login was refused.\n"
+           "# tool copies into the endpoint's log; TRANSFER adds a record of each\n"
+           "# transfer, DUMP the control channel, whose replies say why a login was\n"
+           "# refused.\n"
            "log_single /dev/stderr\n"
            "log_module stdio:buffer=0\n"
-           "log_level ERROR,WARN,INFO,DUMP\n";
+           "log_level ERROR,WARN,INFO,TRANSFER,DUMP\n";
 }
 
 int write_gridftp_conf(const Settings& settings, ConfOutcome& outcome) {

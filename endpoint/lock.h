@@ -10,8 +10,10 @@ namespace endpoint {
 
 enum class LockResult { Taken, Held, Failed };
 
-// Takes the lock for this process's lifetime. Held: another process has it;
-// Failed: the lock file cannot be used; either way `problem` says so.
+// Makes the directory (mode 0700 for each one made) and takes the lock for
+// this process's lifetime. Held: another process has it; Failed: the
+// directory or the lock file cannot be used (yet); either way `problem`
+// says so.
 LockResult take_config_lock(const std::string& config_dir, std::string& problem);
 
 // The pid of the process holding the lock, or 0 if none does; takes nothing

@@ -38,6 +38,11 @@ int main(int argc, char** argv) {
                cli.help ? kUsage : RELAYTOOL_ENDPOINT_VERSION);
         return 0;
     }
+    Settings settings;
+    if (!resolve_settings(environment(environ), cli.command, system_facts(), settings, error)) {
+        fprintf(stderr, "relaytool-endpoint: %s\n", error.c_str());
+        return 2;
+    }
     if (cli.debug) {
         fprintf(stderr,
                 "relaytool-endpoint: warning: --debug: the tool's debug output goes to "
@@ -47,12 +52,11 @@ int main(int argc, char** argv) {
                 "relaytool-endpoint: HVN_DEBUG is not passed on, since the tool's debug "
                 "output contains private keys; --debug passes it on\n");
     }
-    if (cli.command == Command::Run) return run_supervisor(cli, environ);
-    if (cli.command == Command::Setup) return run_setup(cli, environ);
-    Settings settings;
-    if (load_settings(cli.env_file, Command::Status, environ, settings, error) != Load::Ready) {
-        fprintf(stderr, "relaytool-endpoint: %s\n", error.c_str());
-        return 2;
+    switch (cli.command) {
+        case Command::Run: return run_supervisor(cli, settings);
+        case Command::Setup: return run_setup(cli, settings);
+        case Command::Status: return show_status(settings.config_dir, cli.json);
+        default: return send_command(settings.config_dir, cli.now ? "pause --now" : 
+                                     cli.command == Command::Pause ? "pause" : "resume");
     }
-    return show_status(settings.config_dir, cli.json);
 }

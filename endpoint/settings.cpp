@@ -63,15 +63,6 @@ std::string absolute(const std::string& path, const SystemFacts& facts) {
     return result;
 }
 
-std::string config_home(const EnvMap& env, const SystemFacts& facts) {
-    // XDG base directories must be absolute; a relative XDG_CONFIG_HOME is ignored.
-    std::string xdg = value_of(env, "XDG_CONFIG_HOME");
-    if (!xdg.empty() && xdg[0] == '/') return xdg;
-    std::string home = value_of(env, "HOME");
-    if (home.empty()) home = facts.home;
-    return home.empty() ? "" : home + "/.config";
-}
-
 bool parse_port(const std::string& text, int low, int& port) {
     char* end = nullptr;
     long value = strtol(text.c_str(), &end, 10);
@@ -99,81 +90,19 @@ bool program_ready(const char* name, const std::string& path, std::string& probl
 }
 
 bool shared_dirs_ready(const Settings& settings, std::string& problem) {
-    for (const std::string& dir : settings.shared_dirs) {
+    for (const Share& share : settings.shared) {
         struct stat st {};
-        if (stat(dir.c_str(), &st) != 0) {
+        if (stat(share.dir.c_str(), &st) != 0) {
             return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
-                                "cannot share " + dir + ": " + hvlib::get_strerror_string(errno));
+                                "cannot share " + share.dir + ": " +
+                                    hvlib::get_strerror_string(errno));
         }
         if (!S_ISDIR(st.st_mode)) {
-            return problem_with(problem, "RELAYTOOL_SHARED_DIRS", dir + " is not a directory");
+            return problem_with(problem, "RELAYTOOL_SHARED_DIRS", share.dir + " is not a directory");
         }
     }
     return true;
 }
-
-// mkdir -p with mode 0700 for every directory it creates.
-int make_private_dirs(const std::string& path) {
-    struct stat st {};
-    if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
-    size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0) {
-        if (int err = make_private_dirs(path.substr(0, slash)); err != 0) return err;
-    }
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return errno;
-    return 0;
-}
-
-}  // namespace
-
-SystemFacts system_facts() {
-    SystemFacts facts;
-    struct utsname names {};
-    if (uname(&names) == 0) {
-        facts.os = names.sysname;
-        facts.os_version = names.release;
-    }
-    // os-release is written in the same KEY=VALUE form as an environment file.
-    for (const char* path : {"/usr/lib/os-release", "/etc/os-release"}) {  // the latter wins
-        std::string text;
-        Assignments fields;
-        EnvFileError error;
-        if (hvlib::try_read_file_contents(path, text) != 0 || !parse_env_file(text, fields, error))
-            continue;
-        for (const auto& [key, value] : fields) {
-            if (key == "PRETTY_NAME" && !value.empty()) facts.os_version = value;
-        }
-    }
-    if (const struct passwd* pw = getpwuid(geteuid())) {
-        facts.user = pw->pw_name;
-        facts.home = pw->pw_dir;
-    }
-    if (char* cwd = getcwd(nullptr, 0)) {
-        facts.cwd = cwd;
-        free(cwd);
-    }
-    return facts;
-}
-
-EnvMap environment_over_file(char** envp, const Assignments& file) {
-    EnvMap env;
-    for (const auto& [key, value] : file) env[key] = value;  // a later line wins
-    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
-        std::string text = *entry;
-        size_t eq = text.find('=');
-        if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) continue;
-        env[text.substr(0, eq)] = text.substr(eq + 1);
-    }
-    for (auto it = env.begin(); it != env.end();) it = it->second.empty() ? env.erase(it) : ++it;
-    return env;
-}
-
-std::string default_env_file(const EnvMap& env, const SystemFacts& facts) {
-    return config_home(env, facts).empty() ? ""
-                                           : config_home(env, facts) + "/relaytool/endpoint.env";
-}
-
-namespace {
 
 // A path that the GridFTP server's configuration is to hold: absolute, and
 // without the characters `forbidden` there.
@@ -189,32 +118,82 @@ bool server_path(const char* name, const std::string& path, const char* forbidde
                             "list also a comma or $)");
 }
 
-// What the GridFTP server shares (the home by default) and the authority it
-// trusts (the installed one by default; a build without one trusts none).
-bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settings& out,
-                             std::string& problem) {
+// What the GridFTP server shares (the home by default), "DIR" or "DIR:ro"
+// separated by ':', and the authority it trusts (the installed one by
+// default; a build without one trusts none).
+bool resolve_server_settings(const EnvMap& env, Settings& out, std::string& problem) {
     const char* name = "RELAYTOOL_SHARED_DIRS";
     std::string shared = value_of(env, name);
-    if (shared.empty()) shared = value_of(env, "HOME");
-    if (shared.empty()) shared = facts.home;
-    for (const std::string& dir : hvlib::split(shared, ":", -1)) {
-        if (dir.empty()) continue;
-        if (!server_path(name, dir, kInexpressibleShared, problem)) return false;
-        out.shared_dirs.push_back(absolute(dir, facts));
+    if (shared.empty()) shared = out.home;
+    for (const std::string& entry : hvlib::split(shared, ":", -1)) {
+        if (entry == "ro" && (out.shared.empty() || out.shared.back().read_only)) {
+            return problem_with(problem, name, "'ro' follows no directory");
+        }
+        if (entry == "ro") {
+            out.shared.back().read_only = true;
+        } else if (!entry.empty()) {
+            if (!server_path(name, entry, kInexpressibleShared, problem)) return false;
+            out.shared.push_back({absolute(entry, {}), false});
+        }
     }
-    if (out.shared_dirs.empty()) return problem_with(problem, name, "names no directory");
+    if (out.shared.empty()) return problem_with(problem, name, "names no directory");
     out.trust_dir = value_of(env, "RELAYTOOL_TRUST_DIR");
     if (out.trust_dir.empty()) out.trust_dir = RELAYTOOL_DEFAULT_TRUST_DIR;
     if ((!out.trust_dir.empty() &&
          !server_path("RELAYTOOL_TRUST_DIR", out.trust_dir, kInexpressible, problem)) ||
-        !server_path("HVN_CONFIG_DIR", out.config_dir, kInexpressible, problem)) {
+        !server_path("HVN_CONFIG_DIR", out.config_dir, kInexpressibleShared, problem) ||
+        (!out.home.empty() && !server_path("HOME", out.home, kInexpressibleShared, problem))) {
         return false;
     }
-    if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, facts);
+    out.trust_dir = absolute(out.trust_dir, {});
     return true;
 }
 
 }  // namespace
+
+SystemFacts system_facts() {
+    SystemFacts facts;
+    struct utsname names {};
+    if (uname(&names) == 0) {
+        facts.os = names.sysname;
+        facts.os_version = names.release;
+    }
+    // PRETTY_NAME="Debian GNU/Linux 12 (bookworm)": the one value we need.
+    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {  // the first found
+        std::string text;
+        if (hvlib::try_read_file_contents(path, text) != 0) continue;
+        for (const std::string& line : hvlib::split(text, "\n", -1)) {
+            if (line.rfind("PRETTY_NAME=", 0) != 0) continue;
+            std::string value = hvlib::strip(line.substr(12));
+            if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'')) {
+                value = value.substr(1, value.size() - 2);
+            }
+            if (!value.empty()) facts.os_version = value;
+        }
+        break;
+    }
+    if (const struct passwd* pw = getpwuid(geteuid())) {
+        facts.user = pw->pw_name;
+        facts.home = pw->pw_dir;
+    }
+    if (char* cwd = getcwd(nullptr, 0)) {
+        facts.cwd = cwd;
+        free(cwd);
+    }
+    return facts;
+}
+
+EnvMap environment(char** envp) {
+    EnvMap env;
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+        std::string text = *entry;
+        size_t eq = text.find('=');
+        if (eq != std::string::npos && eq != 0 && eq + 1 != text.size()) {
+            env[text.substr(0, eq)] = text.substr(eq + 1);
+        }
+    }
+    return env;
+}
 
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
                       std::string& problem) {
@@ -223,16 +202,21 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         return tool.emplace(name, fallback).first->second;
     };
 
-    std::string home = config_home(env, facts);
-    if (value_of(env, "HVN_CONFIG_DIR").empty() && home.empty()) {
+    out.home = value_of(env, "HOME");
+    if (out.home.empty()) out.home = facts.home;
+    // XDG base directories must be absolute; a relative XDG_CONFIG_HOME is ignored.
+    std::string config_home = value_of(env, "XDG_CONFIG_HOME");
+    if (config_home.empty() || config_home[0] != '/') {
+        config_home = out.home.empty() ? "" : out.home + "/.config";
+    }
+    if (value_of(env, "HVN_CONFIG_DIR").empty() && config_home.empty()) {
         return problem_with(problem, "HVN_CONFIG_DIR",
                             "not set, and no home directory to put it in");
     }
-    out.config_dir = absolute(fill("HVN_CONFIG_DIR", home + "/relaytool"), facts);
+    out.config_dir = absolute(fill("HVN_CONFIG_DIR", config_home + "/relaytool"), facts);
     tool["HVN_CONFIG_DIR"] = out.config_dir;
-    if (command == Command::Status) return true;
+    if (command != Command::Run && command != Command::Setup) return true;
 
-    // First, so that they are known even while other settings are not yet.
     const std::pair<const char*, double*> bounds[] = {
         {"RELAYTOOL_BACKOFF_MIN", &out.backoff_min},
         {"RELAYTOOL_BACKOFF_MAX", &out.backoff_max},
@@ -289,45 +273,11 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
             return problem_with(problem, "HVN_FTP_PORT",
                                 "'" + ftp + "' is not -1 (paused), 0 (own listener) or a port");
         }
-        if (!resolve_server_settings(env, facts, out, problem)) return false;
+        if (!resolve_server_settings(env, out, problem)) return false;
     }
     for (const char* name : kNotForTheTool) tool.erase(name);
     out.tool_env = tool;
     return true;
-}
-
-Load load_settings(const std::string& env_file, Command command, char** envp, Settings& out,
-                   std::string& problem) {
-    SystemFacts facts = system_facts();
-    std::string path =
-        env_file.empty() ? default_env_file(environment_over_file(envp, {}), facts) : env_file;
-    std::string text;
-    Assignments file;
-    EnvFileError fault;
-    if (int err = path.empty() ? ENOENT : hvlib::try_read_file_contents(path, text); err != 0) {
-        if (!env_file.empty() || err != ENOENT) {  // the default file is optional
-            problem = hvlib::str_sprintf("cannot read the environment file %s: %s", path.c_str(),
-                                         hvlib::get_strerror_string(err).c_str());
-            std::string ignored;  // what the environment alone gives meanwhile: the back-off
-            resolve_settings(environment_over_file(envp, {}), command, facts, out, ignored);
-            return Load::NotReady;
-        }
-    } else if (!parse_env_file(text, file, fault)) {
-        problem = hvlib::str_sprintf("%s:%d: %s", path.c_str(), fault.line, fault.message.c_str());
-        return Load::Malformed;
-    }
-    EnvMap env = environment_over_file(envp, file);
-    return resolve_settings(env, command, facts, out, problem) ? Load::Ready : Load::Malformed;
-}
-
-bool config_dir_ready(const Settings& settings, std::string& problem) {
-    const std::string& dir = settings.config_dir;
-    int err = make_private_dirs(dir);
-    if (err == 0 && access(dir.c_str(), W_OK | X_OK) != 0) err = errno;
-    if (err == 0) return true;
-    return problem_with(problem, "HVN_CONFIG_DIR",
-                        hvlib::str_sprintf("cannot use %s: %s", dir.c_str(),
-                                           hvlib::get_strerror_string(err).c_str()));
 }
 
 bool paths_ready(const Settings& settings, Command command, std::string& problem) {

@@ -1,21 +1,18 @@
-// The settings of relaytool-endpoint and of the tool it runs: the process
-// environment over the environment file (the environment wins, as with
-// systemd's Environment= over EnvironmentFile=), an empty value counting as
-// unset, with defaults that leave only the relay server and the GridFTP
-// server program to give.
+// The settings of relaytool-endpoint and of the tool it runs, all from the
+// environment (under systemd, the unit's EnvironmentFile= puts the settings
+// file there), an empty value counting as unset, with defaults that leave
+// only the relay server and the GridFTP server program to give.
 #pragma once
 
 #include <map>
 #include <string>
 #include <vector>
 
-#include "envfile.h"
-
 namespace endpoint {
 
 using EnvMap = std::map<std::string, std::string>;
 
-enum class Command { Setup, Run, Status };
+enum class Command { Setup, Run, Status, Pause, Resume };
 
 // Facts of the system that defaults come from.
 struct SystemFacts {
@@ -26,19 +23,23 @@ struct SystemFacts {
 
 SystemFacts system_facts();
 
-// The environment with the file's assignments under it; no empty values.
-EnvMap environment_over_file(char** envp, const Assignments& file);
+// The process environment, without empty values.
+EnvMap environment(char** envp);
 
-// $XDG_CONFIG_HOME/relaytool/endpoint.env (~/.config for an unset
-// XDG_CONFIG_HOME): the file read when --env is not given.
-std::string default_env_file(const EnvMap& env, const SystemFacts& facts);
+struct Share {
+    std::string dir;
+    bool read_only = false;
+    bool operator==(const Share& other) const {
+        return dir == other.dir && read_only == other.read_only;
+    }
+};
 
 struct Settings {
     EnvMap tool_env;  // the tool's complete environment
-    std::string tool_path, config_dir, relay_host, relay_port;
+    std::string tool_path, config_dir, relay_host, relay_port, home;
     double backoff_min = 1, backoff_max = 300;
-    std::vector<std::string> shared_dirs;  // what the GridFTP server serves
-    std::string trust_dir;                 // the relay authority's; empty: none
+    std::vector<Share> shared;  // what the GridFTP server serves
+    std::string trust_dir;      // the relay authority's; empty: none
 };
 
 // Fills in the defaults and checks the form of every value. False, with
@@ -46,17 +47,9 @@ struct Settings {
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
                       std::string& problem);
 
-enum class Load { Ready, Malformed, NotReady };
-
-// Reads the environment file (`env_file`, or the default one if it exists)
-// and resolves the settings; NotReady: the named file cannot be read yet.
-Load load_settings(const std::string& env_file, Command command, char** envp, Settings& out,
-                   std::string& problem);
-
-// Whether the configuration directory (made with mode 0700 if missing), the
-// programs, the anonymous key and for `run` the GridFTP server's
-// configuration are there; false, with what may come later in `problem`.
-bool config_dir_ready(const Settings& settings, std::string& problem);
+// Whether the programs, the anonymous key and for `run` the shared
+// directories and the trust directory are there; false, with what may come
+// later in `problem`.
 bool paths_ready(const Settings& settings, Command command, std::string& problem);
 
 }  // namespace endpoint

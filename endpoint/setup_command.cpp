@@ -49,16 +49,12 @@ bool read_setup_code(std::string& code) {
 
 }  // namespace
 
-int run_setup(const CommandLine& cli, char** envp) {
-    Settings settings;
+int run_setup(const CommandLine& cli, const Settings& given) {
+    Settings settings = given;
     std::string problem, code;
     const int not_ready = class_info(FailureClass::NotReady).exit_status;
-    if (load_settings(cli.env_file, Command::Setup, envp, settings, problem) != Load::Ready) {
-        return fail(2, problem);
-    }
-    if (!config_dir_ready(settings, problem)) return fail(not_ready, problem);
     LockResult lock = take_config_lock(settings.config_dir, problem);
-    if (lock != LockResult::Taken) return fail(lock == LockResult::Held ? 4 : 1, problem);
+    if (lock != LockResult::Taken) return fail(lock == LockResult::Held ? 4 : not_ready, problem);
     if (!paths_ready(settings, Command::Setup, problem)) return fail(not_ready, problem);
     if (!read_setup_code(code)) return fail(2, "no setup code on standard input");
     settings.tool_env["HVN_SETUP_CODE"] = code;
@@ -66,7 +62,6 @@ int run_setup(const CommandLine& cli, char** envp) {
 
     Loop loop;
     Tool tool;
-    FailureClassifier classifier;
     ToolEnd end;
     int interrupted = 0;
     int err = loop.open(
@@ -78,16 +73,10 @@ int run_setup(const CommandLine& cli, char** envp) {
             if (tool.ended(pid, status, end)) loop.exit(0);
         });
     // Setup mode has no status lines; anything on standard output is shown.
-    auto show = [&classifier](const char* what, const std::string& line) {
-        fprintf(stderr, "tool%s: %s\n", what, line.c_str());
-        if (*what == '\0') classifier.feed(line);
+    auto shown = [](const std::string& line) {
+        fprintf(stderr, "tool (standard output): %s\n", line.c_str());
     };
-    if (err == 0) {
-        err = tool.start(
-            loop.event(), settings.tool_path, settings.tool_env,
-            [&](const std::string& l) { show(" (standard output)", l); },
-            [&](const std::string& l) { show("", l); });
-    }
+    if (err == 0) err = tool.start(loop.event(), settings.tool_path, settings.tool_env, shown);
     if (err != 0) {
         return fail(1, "the endpoint is not set up: cannot start " + settings.tool_path + ": " +
                            hvlib::get_strerror_string(err));
@@ -102,7 +91,7 @@ int run_setup(const CommandLine& cli, char** envp) {
                settings.config_dir.c_str());
         return 0;
     }
-    Failure failure = classifier.finish(end, false);
+    Failure failure = tool.failure(end, false);
     const ClassInfo& info = class_info(failure.cls);
     std::string line = failure.line.empty() ? describe_end(end) : failure.line;
     return fail(info.exit_status, hvlib::str_sprintf("the endpoint is not set up: %s, %s: %s",

@@ -1,5 +1,6 @@
 #include "state.h"
 
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 #include <cstdio>
@@ -14,7 +15,7 @@ namespace endpoint {
 namespace {
 
 const char* phase_name(Phase phase) {
-    static const char* const kNames[] = {"starting", "connected", "idle",     "active",
+    static const char* const kNames[] = {"starting", "connected", "idle",     "active",  "pausing",
                                          "paused",   "waiting",   "stopping", "stopped"};
     return kNames[static_cast<int>(phase)];
 }
@@ -48,7 +49,9 @@ std::string describe(const EndpointState& s) {
             if (!s.has_next_attempt) return "waiting " + s.reason;
             return hvlib::str_sprintf("waiting %s; next attempt at %s (in %.1f s)",
                                       s.reason.c_str(), iso_time(s.next_attempt).c_str(), s.delay);
-        default:  // idle, paused, stopping, stopped
+        case Phase::Paused:
+            return "paused since " + iso_time(s.paused_since);
+        default:  // idle, pausing, stopping, stopped
             return phase_name(s.phase) + why;
     }
 }
@@ -73,6 +76,7 @@ std::string to_json(const EndpointState& s) {
         {"display_name", text(s.display_name)},
         {"web_url", text(s.web_url)},
         {"config_dir", s.config_dir},
+        {"paused_since", s.paused ? json(iso_time(s.paused_since)) : json(nullptr)},
         {"description", describe(s)},
     };
     // Lines from the tool need not be UTF-8: replace what is not.
@@ -81,6 +85,16 @@ std::string to_json(const EndpointState& s) {
 
 std::string state_file(const std::string& config_dir) {
     return config_dir + "/endpoint-state.json";
+}
+
+std::string paused_mark(const std::string& config_dir) { return config_dir + "/paused"; }
+
+bool paused_since(const std::string& config_dir, WallClock::time_point& since) {
+    struct stat st {};
+    if (stat(paused_mark(config_dir).c_str(), &st) != 0) return false;
+    auto ns = std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec);
+    since = WallClock::time_point(std::chrono::duration_cast<WallClock::duration>(ns));
+    return true;
 }
 
 void StateRecorder::record(EndpointState& state) {

@@ -11,7 +11,7 @@ namespace endpoint {
 
 using WallClock = std::chrono::system_clock;
 
-enum class Phase { Starting, Connected, Idle, Active, Paused, Waiting, Stopping, Stopped };
+enum class Phase { Starting, Connected, Idle, Active, Pausing, Paused, Waiting, Stopping, Stopped };
 
 struct FailureRecord {
     std::string cls, line,
@@ -34,6 +34,8 @@ struct EndpointState {
     long pid = 0, tool_pid = 0;
     std::string display_name, web_url;  // as the relay sent them, decoded
     std::string config_dir;
+    bool paused = false;  // asked to pause, and not resumed since
+    WallClock::time_point paused_since;
 };
 
 std::string iso_time(WallClock::time_point t);  // "2024-05-01T12:00:00.250Z"
@@ -46,11 +48,17 @@ std::string to_json(const EndpointState& state);
 
 std::string state_file(const std::string& config_dir);
 
+// The mark that `pause` leaves in the configuration directory until
+// `resume`; its time is when the pause was asked for. False if there is none.
+std::string paused_mark(const std::string& config_dir);
+bool paused_since(const std::string& config_dir, WallClock::time_point& since);
+
 class StateRecorder {
 public:
     // From now on the state also goes to the state file in `config_dir`;
     // only once this process holds the directory.
     void write_into(const std::string& config_dir) { m_path = state_file(config_dir); }
+    bool writing() const { return !m_path.empty(); }
 
     // The first record also tells the service manager that we are ready,
     // the first in Stopping or Stopped that we are stopping.

@@ -7,6 +7,7 @@
 #include "file.h"
 #include "lock.h"
 #include "state.h"
+#include "transfers.h"
 
 namespace endpoint {
 
@@ -14,39 +15,41 @@ namespace {
 
 using nlohmann::json;
 
-std::string text_of(const json& state, const char* key) {
-    auto it = state.find(key);
-    return it != state.end() && it->is_string() ? it->get<std::string>() : std::string();
+constexpr size_t kTransfersShown = 5;
+
+std::string text_of(const json& object, const char* key) {
+    auto it = object.find(key);
+    return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
-// The state as the file has it, settled: every key there, and "running"
-// saying whether a supervisor holds the directory (`holder`, its pid).
+// The state as the file has it, settled: "running" says whether a
+// supervisor holds the directory (`holder`, its pid); one that does not
+// has stopped, whatever its file says.
 json settled_state(const std::string& config_dir, pid_t holder) {
-    EndpointState none;  // its keys, for a file that is missing or not ours
-    none.phase = Phase::Stopped;
-    none.reason = "no relaytool-endpoint has run for this configuration directory";
-    json state = json::parse(to_json(none));
-    state["since"] = state["pid"] = nullptr;
     std::string text;
     hvlib::try_read_file_contents(state_file(config_dir), text);  // left empty on failure
-    json file = json::parse(text, nullptr, false);  // without exceptions: a bad file is no state
-    bool known = file.is_object() && file.contains("state");
-    if (known) state.update(file);
-    state["config_dir"] = config_dir;
-    state["running"] = holder != 0;
+    json state = json::parse(text, nullptr, false);  // without exceptions: a bad file is no state
+    bool known = state.is_object() && state.contains("state");
+    if (!known) state = json::object();
     if (holder != 0) {
         state["pid"] = holder;
-        if (!known)
-            state.update({{"state", "starting"}, {"reason", nullptr}, {"description", nullptr}});
+        if (!known) state["state"] = "starting";
     } else if (text_of(state, "state") != "stopped") {  // killed, or the machine went down
         state.update({{"state", "stopped"},
-                      {"reason", "relaytool-endpoint ended without recording why (killed?)"},
+                      {"reason", known ? "relaytool-endpoint ended without recording why (killed?)"
+                                       : "no relaytool-endpoint has run for this configuration "
+                                         "directory"},
                       {"workers", 0},
                       {"tool_pid", nullptr},
                       {"next_attempt", nullptr},
                       {"delay", nullptr}});
         state.erase("description");
     }
+    WallClock::time_point since;
+    state["paused_since"] = paused_since(config_dir, since) ? json(iso_time(since)) : json(nullptr);
+    state["config_dir"] = config_dir;
+    state["running"] = holder != 0;
+    state["transfers"] = TransferHistory::load(config_dir);
     return state;
 }
 
@@ -60,16 +63,25 @@ void print_for_a_person(const json& state) {
     std::string failed;
     if (description.empty())
         description = text_of(state, "state") + (reason.empty() ? "" : ": " + reason);
-    if (const json& failure = state["last_failure"]; failure.is_object()) {
+    if (const json& failure = state.value("last_failure", json()); failure.is_object()) {
         failed = text_of(failure, "class") + " at " + text_of(failure, "at") + ", " +
                  text_of(failure, "end") + "\n               " + text_of(failure, "line");
+    }
+    const json& transfers = state["transfers"];
+    std::string last;
+    for (size_t i = transfers.size() > kTransfersShown ? transfers.size() - kTransfersShown : 0;
+         i < transfers.size(); ++i) {
+        last += (last.empty() ? "" : "\n               ") + text_of(transfers[i], "at") + " " +
+                describe_transfer(transfers[i]);
     }
     const std::pair<const char*, std::string> lines[] = {
         {"configuration:", text_of(state, "config_dir")},
         {"state:", description},
         {"since:", text_of(state, "since")},
-        {"restarts:", state["restarts"].dump()},
+        {"paused since:", text_of(state, "paused_since")},
+        {"restarts:", state.contains("restarts") ? state["restarts"].dump() : ""},
         {"last failure:", failed},
+        {"transfers:", last},
     };
     for (const auto& [label, text] : lines) {
         if (!text.empty()) printf("%-15s%s\n", label, text.c_str());

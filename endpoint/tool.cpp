@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -84,7 +85,12 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
         return rc;
     }
     m_out.handler = std::move(out);
-    m_err.handler = std::move(err);
+    m_classifier = FailureClassifier();
+    m_err.handler = [this, err = std::move(err)](const std::string& line) {
+        fprintf(stderr, "tool: %s\n", line.c_str());
+        m_classifier.feed(line);
+        if (err) err(line);
+    };
     for (Stream* s : {&m_out, &m_err}) {
         fcntl(s->fd, F_SETFL, O_NONBLOCK);
         s->source.readable(loop, s->fd, [this, s] {

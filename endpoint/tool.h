@@ -1,7 +1,8 @@
 // One run of the tool, started as its parent must: a standard-input pipe
 // that we keep open and never write to, pipes for its standard output and
 // error, read line by line in the event loop, no other descriptor, and a
-// process group of its own, which its GridFTP workers share.
+// process group of its own, which its GridFTP workers share. Its standard
+// error goes into our log and tells why the run ended.
 #pragma once
 
 #include <sys/types.h>
@@ -28,9 +29,11 @@ public:
     Tool& operator=(const Tool&) = delete;
     ~Tool();
 
-    // Starts `path` with exactly the environment `env`; 0 or an errno.
+    // Starts `path` with exactly the environment `env`; 0 or an errno. Each
+    // line of its standard output goes to `out`; each of its standard error
+    // is logged as "tool: LINE", classified, and then goes to `err`.
     int start(sd_event* loop, const std::string& path, const EnvMap& env, LineHandler out,
-              LineHandler err);
+              LineHandler err = nullptr);
     bool running() const { return m_pid > 0; }
     pid_t pid() const { return m_pid; }
 
@@ -40,6 +43,10 @@ public:
 
     // True if the reaped child was the tool (its last output passed on).
     bool ended(pid_t pid, int status, ToolEnd& end);
+    // Why a run ended; `connected`: it got as far as a completed login.
+    Failure failure(const ToolEnd& end, bool connected) const {
+        return m_classifier.finish(end, connected);
+    }
 
 private:
     struct Stream {
@@ -56,6 +63,7 @@ private:
     pid_t m_pid = -1;
     int m_stdin = -1;
     Stream m_out, m_err;
+    FailureClassifier m_classifier;
     Source m_kill;
 };
 

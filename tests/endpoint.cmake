@@ -13,7 +13,6 @@ if(NOT TEST_PYTHON)
 endif()
 
 add_executable(endpoint_unit_tests
-  endpoint/unit/envfile_test.cpp
   endpoint/unit/classify_test.cpp
   endpoint/unit/backoff_test.cpp
   endpoint/unit/settings_test.cpp
