@@ -1,14 +1,12 @@
-#include "gridftp_conf.h"
-
-#include <dirent.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
+#include <filesystem>
 
 #include "diag.h"
 #include "file.h"
+#include "settings.h"
 
 namespace endpoint {
 
@@ -99,13 +97,9 @@ std::string gridftp_conf_text(const Settings& settings) {
     std::string text =
         std::string(kGeneratedMarker) +
         "\n"
-        "# To keep a configuration of your own here, remove that line; to get the\n"
-        "# generated one back, remove or rename your file.\n"
-        "#\n"
-        "# The GridFTP server that the relay tool starts for each connection the\n"
-        "# relay forwards (globus-gridftp-server -i -c this file), as\n"
-        "# relaytool-endpoint configures it from RELAYTOOL_SHARED_DIRS and\n"
-        "# RELAYTOOL_TRUST_DIR.\n"
+        "# To keep a file of your own here, remove that line; to get the generated\n"
+        "# one back, remove or rename yours. The GridFTP server that the tool starts\n"
+        "# for each connection the relay forwards (globus-gridftp-server -i -c this).\n"
         "\n"
         "# The endpoint's certificate and key, and the user map, as setup wrote them.\n"
         "$X509_USER_CERT " +
@@ -114,7 +108,7 @@ std::string gridftp_conf_text(const Settings& settings) {
     if (settings.trust_dir.empty()) {
         text +=
             "# No relay authority is trusted: the build has none and RELAYTOOL_TRUST_DIR\n"
-            "# is not set, so Globus looks only in its own places.\n";
+            "# is not set, so the server looks only in its own places.\n";
     } else {
         text += "# The authority it trusts to verify clients: the relay's.\n$X509_CERT_DIR " +
                 quoted(settings.trust_dir) + "\n";
@@ -128,10 +122,9 @@ std::string gridftp_conf_text(const Settings& settings) {
            quoted(settings.shared.front().dir) +
            "\n"
            "\n"
-           "# Its log goes, line by line and at once, to its standard error, which the\n"
-           "# tool copies into the endpoint's log; TRANSFER adds a record of each\n"
-           "# transfer, DUMP the control channel, whose replies say why a login was\n"
-           "# refused.\n"
+           "# Its log goes at once to its standard error, which the tool copies into the\n"
+           "# endpoint's log; TRANSFER adds a record of each transfer, DUMP the control\n"
+           "# channel, whose replies say why a login was refused.\n"
            "log_single /dev/stderr\n"
            "log_module stdio:buffer=0\n"
            "log_level ERROR,WARN,INFO,TRANSFER,DUMP\n";
@@ -150,33 +143,23 @@ int write_gridftp_conf(const Settings& settings, ConfOutcome& outcome) {
 }
 
 bool trust_dir_ready(const std::string& dir, std::string& problem) {
-    std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
-    if (!listing) {
-        problem =
-            "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " + hvlib::get_strerror_string(errno);
-        return false;
-    }
+    std::error_code failed;
     int certificates = 0;
-    while (const dirent* entry = readdir(listing.get())) {
-        std::string name = entry->d_name;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, failed)) {
+        std::string name = entry.path().filename();
         if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
         ++certificates;
-        std::string policy = dir + "/";
-        policy.append(name, 0, name.size() - 2).append(".signing_policy");
-        if (!hvlib::file_readable(policy)) {
-            // Globus would refuse every certificate of that authority, and
-            // say so only to the client.
-            problem = hvlib::str_sprintf(
-                "RELAYTOOL_TRUST_DIR: %s/%s has no readable %s beside it, without which the "
-                "GridFTP server refuses its certificates",
-                dir.c_str(), name.c_str(), policy.c_str());
+        std::string policy = dir + "/" + name.substr(0, name.size() - 2) + ".signing_policy";
+        if (!hvlib::file_readable(policy)) {  // the server would say so only to the client
+            problem = "RELAYTOOL_TRUST_DIR: " + dir + "/" + name + " has no readable " + policy +
+                      " beside it, without which the GridFTP server refuses its certificates";
             return false;
         }
     }
-    if (certificates == 0) {
-        problem = "RELAYTOOL_TRUST_DIR: " + dir +
-                  " holds no certificate under a hashed name "
-                  "(<hash>.0)";
+    if (failed) problem = "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " + failed.message();
+    if (!failed && certificates == 0) {
+        problem =
+            "RELAYTOOL_TRUST_DIR: " + dir + " holds no certificate under a hashed name (<hash>.0)";
     }
     return certificates > 0;
 }

@@ -10,12 +10,11 @@
 #include <cstdlib>
 #include <utility>
 
-#include "backoff.h"
 #include "build_info.h"
 #include "diag.h"
 #include "file.h"
-#include "gridftp_conf.h"
 #include "strutil.h"
+#include "tool.h"
 
 namespace endpoint {
 
@@ -25,22 +24,10 @@ namespace {
 // variables would make the tool's children talk to the service manager, the
 // mode switches would turn a login into a setup or a self-check, and the
 // tool's debug output holds its private keys (only --debug passes it on).
-const char* const kNotForTheTool[] = {
-    "NOTIFY_SOCKET",
-    "WATCHDOG_PID",
-    "WATCHDOG_USEC",
-    "LISTEN_PID",
-    "LISTEN_FDS",
-    "LISTEN_FDNAMES",
-    "HVN_SETUP_CODE",
-    "HVN_RELAYTOOL_TEST",
-    "HVN_DEBUG",
-    "RELAYTOOL_PATH",
-    "RELAYTOOL_BACKOFF_MIN",
-    "RELAYTOOL_BACKOFF_MAX",
-    "RELAYTOOL_SHARED_DIRS",
-    "RELAYTOOL_TRUST_DIR",
-};
+const char kNotForTheTool[] =
+    "NOTIFY_SOCKET WATCHDOG_PID WATCHDOG_USEC LISTEN_PID LISTEN_FDS LISTEN_FDNAMES HVN_SETUP_CODE "
+    "HVN_RELAYTOOL_TEST HVN_DEBUG RELAYTOOL_PATH RELAYTOOL_BACKOFF_MIN RELAYTOOL_BACKOFF_MAX "
+    "RELAYTOOL_SHARED_DIRS RELAYTOOL_TRUST_DIR";
 
 // The GridFTP server's configuration quotes values and has no escapes, and
 // restrict_paths is a comma-separated list in which "$" starts a variable.
@@ -93,12 +80,13 @@ bool shared_dirs_ready(const Settings& settings, std::string& problem) {
     for (const Share& share : settings.shared) {
         struct stat st {};
         if (stat(share.dir.c_str(), &st) != 0) {
-            return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
-                                "cannot share " + share.dir + ": " +
-                                    hvlib::get_strerror_string(errno));
+            return problem_with(
+                problem, "RELAYTOOL_SHARED_DIRS",
+                "cannot share " + share.dir + ": " + hvlib::get_strerror_string(errno));
         }
         if (!S_ISDIR(st.st_mode)) {
-            return problem_with(problem, "RELAYTOOL_SHARED_DIRS", share.dir + " is not a directory");
+            return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
+                                share.dir + " is not a directory");
         }
     }
     return true;
@@ -145,7 +133,7 @@ bool resolve_server_settings(const EnvMap& env, Settings& out, std::string& prob
         (!out.home.empty() && !server_path("HOME", out.home, kInexpressibleShared, problem))) {
         return false;
     }
-    out.trust_dir = absolute(out.trust_dir, {});
+    if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, {});
     return true;
 }
 
@@ -275,7 +263,7 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         }
         if (!resolve_server_settings(env, out, problem)) return false;
     }
-    for (const char* name : kNotForTheTool) tool.erase(name);
+    for (const std::string& name : hvlib::split(kNotForTheTool, " ", -1)) tool.erase(name);
     out.tool_env = tool;
     return true;
 }

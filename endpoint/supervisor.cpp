@@ -10,21 +10,14 @@
 #include <random>
 #include <vector>
 
-#include "backoff.h"
-#include "classify.h"
 #include "cli.h"
-#include "control.h"
 #include "diag.h"
 #include "file.h"
-#include "gridftp_conf.h"
 #include "keyvalues.h"
-#include "lock.h"
 #include "loop.h"
 #include "state.h"
 #include "strutil.h"
 #include "tool.h"
-#include "transfers.h"
-#include "watch.h"
 
 namespace endpoint {
 
@@ -60,15 +53,13 @@ public:
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         std::string why;
         if (!m_network.open(
-                m_loop.event(), [this] { network_changed(); }, why)) {
+                m_loop.event(), [this] { network_changed(); }, why))
             note(why + "; address and route changes are not followed");
-        }
         auto slept = [this](bool asleep) {
             asleep ? note("the computer is going to sleep") : restart("the computer has resumed");
         };
-        if (!m_sleep.open(m_loop.event(), slept, why)) {
+        if (!m_sleep.open(m_loop.event(), slept, why))
             note(why + "; sleep and resume are not followed");
-        }
         start();
         return m_loop.run();
     }
@@ -88,15 +79,15 @@ private:
             }
             m_locked = lock == LockResult::Taken;
         }
-        if (m_locked && !m_recorder.writing()) {
+        if (m_locked && !m_recorder.writing()) {  // the directory is ours now
             m_recorder.write_into(dir);
             m_history.keep_in(dir);
             m_state.paused = paused_since(dir, m_state.paused_since);
-            if (int err = m_control.open(m_loop.event(), dir, [this](const std::string& command) {
-                    return command == "resume" ? resume() : pause(command == "pause --now");
-                })) {
-                note("pause and resume cannot reach us: " + hvlib::get_strerror_string(err));
-            }
+            auto command = [this](const std::string& c) {
+                return c == "resume" ? resume() : pause(c == "pause --now");
+            };
+            if (int err = m_control.open(m_loop.event(), dir, command))
+                note(std::string("pause and resume cannot reach us: ") + strerror(err));
         }
         if (m_locked) paths_ready(m_settings, Command::Run, problem);
         if (!problem.empty()) failed({FailureClass::NotReady, problem, {}});
@@ -122,10 +113,9 @@ private:
             [this](const std::string& line) { status_line(line); },
             [this](const std::string& line) { m_history.feed(line); });
         if (err != 0) {  // perhaps the tool is being replaced by an upgrade
-            failed({FailureClass::SystemCall,
-                    "cannot start " + m_settings.tool_path + ": " + hvlib::get_strerror_string(err),
-                    {false, 127}});
-            return;
+            return failed({FailureClass::SystemCall,
+                           "cannot start " + m_settings.tool_path + ": " + strerror(err),
+                           {false, 127}});
         }
         if (m_started) ++m_state.restarts;
         m_started = true;
@@ -138,24 +128,19 @@ private:
     // Writes the GridFTP server's configuration unless it is the operator's;
     // what matters about it is said at the first start, a rewrite each time.
     bool server_configured() {
-        std::string path = m_settings.config_dir + "/gridftp.conf";
+        std::string path = m_settings.config_dir + "/gridftp.conf", shared;
         ConfOutcome outcome = ConfOutcome::Unchanged;
         if (int err = write_gridftp_conf(m_settings, outcome); err != 0) {
-            failed({FailureClass::NotReady,
-                    "cannot write " + path + ": " + hvlib::get_strerror_string(err),
-                    {}});
+            failed({FailureClass::NotReady, "cannot write " + path + ": " + strerror(err), {}});
             return false;
         }
-        if (outcome == ConfOutcome::Written) {
-            std::string shared;
-            for (const Share& share : m_settings.shared) {
-                shared += ":" + share.dir + (share.read_only ? ":ro" : "");
-            }
+        for (const Share& share : m_settings.shared)
+            shared += ":" + share.dir + (share.read_only ? ":ro" : "");
+        if (outcome == ConfOutcome::Written)
             note("wrote " + path + ", sharing " + shared.substr(1));
-        }
-        if (m_started) return true;
-        if (outcome == ConfOutcome::Operators) note(path + " is the operator's own; left as it is");
-        if (m_settings.trust_dir.empty()) {
+        if (!m_started && outcome == ConfOutcome::Operators)
+            note(path + " is the operator's own; left as it is");
+        if (!m_started && m_settings.trust_dir.empty()) {
             note(
                 "RELAYTOOL_TRUST_DIR: not set, and this build trusts no relay authority: the "
                 "GridFTP server will refuse certificates the relay issued");
@@ -173,7 +158,8 @@ private:
         }
         hvlib::KeyValues record(line);
         std::string status = record.get("status", "");
-        m_state.workers = 0;
+        m_state.workers = atoi(record.get("nr_workers", "0").c_str());
+        if (m_stopping) return workers_ended();  // the phase stays "stopping"
         if (status == "CONNECTED") {
             m_connected_at = now_ms();
             m_state.display_name = hvlib::url_decode(record.get("ep_display_name", ""));
@@ -186,13 +172,11 @@ private:
         } else if (status == "IDLE" || status == "PAUSED") {
             set_phase(status == "IDLE" ? Phase::Idle : Phase::Paused);
         } else if (status == "ACTIVE") {
-            m_state.workers = atoi(record.get("nr_workers", "0").c_str());
             set_phase(m_state.phase == Phase::Pausing ? Phase::Pausing : Phase::Active,
                       m_state.reason);
         } else {
             fprintf(stderr, "tool: status not understood: %s\n", line.c_str());
         }
-        if (m_stopping) workers_ended();
     }
 
     void set_phase(Phase phase, const std::string& reason = "") {
@@ -291,17 +275,15 @@ private:
             return "0 already " + describe(m_state);
         }
         if (int err = hvlib::replace_file_atomically(
-                mark, "relaytool-endpoint is paused; relaytool-endpoint resume removes this\n")) {
-            return "1 cannot write " + mark + ": " + hvlib::get_strerror_string(err);
+                mark, "paused until `relaytool-endpoint resume`\n")) {
+            return "1 cannot write " + mark + ": " + strerror(err);
         }
         m_state.paused = paused_since(m_settings.config_dir, m_state.paused_since);
         if (!now && m_tool.running() && m_state.workers > 0) {
             set_phase(Phase::Pausing, "once the running transfers have ended");
             return "0 pausing once the running transfers have ended";
         }
-        if (now) {
-            for (pid_t worker : all_workers()) kill(worker, SIGTERM);
-        }
+        for (pid_t worker : now ? all_workers() : std::vector<pid_t>()) kill(worker, SIGTERM);
         restart("paused");
         return "0 paused";
     }
@@ -310,9 +292,8 @@ private:
         const std::string mark = paused_mark(m_settings.config_dir);
         if (m_stopping) return "1 stopping";
         if (!m_state.paused) return "0 not paused";
-        if (unlink(mark.c_str()) != 0 && errno != ENOENT) {
-            return "1 cannot remove " + mark + ": " + hvlib::get_strerror_string(errno);
-        }
+        if (unlink(mark.c_str()) != 0 && errno != ENOENT)
+            return "1 cannot remove " + mark + ": " + strerror(errno);
         m_state.paused = false;
         if (m_state.phase == Phase::Pausing) {  // still serving: nothing to start again
             set_phase(m_state.workers > 0 ? Phase::Active : Phase::Idle);

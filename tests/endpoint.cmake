@@ -15,8 +15,7 @@ endif()
 add_executable(endpoint_unit_tests
   endpoint/unit/classify_test.cpp
   endpoint/unit/backoff_test.cpp
-  endpoint/unit/settings_test.cpp
-  endpoint/unit/gridftp_conf_test.cpp)
+  endpoint/unit/settings_test.cpp)
 target_compile_options(endpoint_unit_tests PRIVATE ${RELAYTOOL_WARNINGS})
 target_link_libraries(endpoint_unit_tests PRIVATE endpoint_core GTest::gtest_main)
 gtest_discover_tests(endpoint_unit_tests DISCOVERY_TIMEOUT 30 PROPERTIES LABELS "endpoint;unit")

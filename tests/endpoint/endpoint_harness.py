@@ -228,11 +228,11 @@ class NotifySocket:
         self.messages = []
 
     def kinds(self):
-        """READY / STOPPING / STATUS for each message so far, in order."""
+        """READY / STOPPING / WATCHDOG / STATUS for each message so far."""
         while True:
             try:
                 self.messages.append(self.sock.recv(65536).decode())
             except BlockingIOError:
                 break
-        return [next((k for k in ("READY", "STOPPING") if k + "=1" in m), "STATUS")
+        return [next((k for k in ("READY", "STOPPING", "WATCHDOG") if k + "=1" in m), "STATUS")
                 for m in self.messages]

@@ -1,24 +1,33 @@
 #!/usr/bin/python3
 """Process-level tests of relaytool-endpoint with standin_tool.py in place of
 the relay tool: bad input, what the tool is given, waiting for what is not
-there yet, the lock, the state and the service-manager messages.  No relay
-and no root needed; test_endpoint_relay.py and test_endpoint_network.py
-have the real thing."""
+there yet, the lock, the state, the service-manager messages, the stop with
+workers in flight, pause and resume, and the transfer history.  No relay
+needed; the real-parts tests have the real thing."""
 
 import json
 import os
+import re
 import signal
 import stat
+import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 
-from endpoint_harness import STANDIN_TOOL, NotifySocket, Workspace, alive  # noqa: E402
+from endpoint_harness import STANDIN_TOOL, NotifySocket, Workspace, alive, wait_until  # noqa: E402
 
 CONNECTED = ("RELAYTOOL=1 status=CONNECTED ep_display_name=Lab%20PC%20%232 "
-             "web_ux_url=https%3A%2F%2Frelay.example%2Fep%3Fid%3D7")
+             "web_ux_url=https%3A%2F%2Frelay.example%2Fep%3Fid%3D7\r")  # a line end of two bytes
 IDLE = "RELAYTOOL=1 status=IDLE"
+SERVING = {"stdout": [CONNECTED, IDLE], "then": "wait"}
+GRACE = 10  # seconds the workers get on a stop
+SUBJECT = "/O=Relay Test/CN=Ann"
+RECORD = ("[ftp stderr] [4242] Wed May  1 12:00:02 2024 :: Transfer stats: DATE=20240501120002.5 "
+          "HOST=pc PROG=globus-gridftp-server NL.EVNT=FTP_INFO START=20240501120000.5 USER=ann "
+          "FILE=/home/ann/my data.bin BUFFER=0 BLOCK=262144 NBYTES=%d VOLUME=/ STREAMS=1 "
+          "STRIPES=1 DEST=[127.0.0.1] TYPE=%s CODE=%d TASKID=none")
 
 
 class StandinWorkspace(Workspace):
@@ -35,94 +44,97 @@ class StandinWorkspace(Workspace):
 
     def env(self, **settings):
         return super().env(**dict(dict(
-            RELAYTOOL_PATH=STANDIN_TOOL, STANDIN_PLAN=self.plan_path,
+            RELAYTOOL_PATH=STANDIN_TOOL, STANDIN_PLAN=self.plan_path, RELAYTOOL_SHARED_DIRS=self.home,
             HVN_RELAY_SERVER="127.0.0.1:9", HVN_PDEATH_PATH="/bin/true",
             HVN_SSH_PATH="/bin/true"), **settings))
 
-    def tool_runs(self):
+    def lines(self, suffix):
         try:
-            with open(self.plan_path + ".runs") as f:
+            with open(self.plan_path + suffix) as f:
                 return [json.loads(line) for line in f]
         except FileNotFoundError:
             return []
+
+    def tool_runs(self):
+        return self.lines(".runs")
+
+    def events(self):
+        return {e["what"]: e for e in self.lines(".events")}
 
 
 class BadInput(unittest.TestCase):
     """Each fault gets one clear line and status 2 before any tool starts."""
 
-    def assertRefused(self, ws, args, words, env=None):
-        rc, out, err = ws.command(*args, env=env)
-        self.assertEqual((rc, ws.tool_runs()), (2, []), err)
-        self.assertIn(words, err)
-        return err
-
-    def test_command_line(self):
+    def test_command_line_and_settings(self):
         ws = StandinWorkspace(self)
         for args, words in ((["start"], "unknown command 'start'"), ([], "no command"),
                             (["setup", "CODE-1"], "setup reads the code from standard input"),
                             (["run", "now"], "too many arguments"),
                             (["run", "--json"], "--json goes with status only"),
+                            (["resume", "--now"], "--now goes with pause only"),
                             (["status", "--debug"], "--debug goes with setup and run only"),
-                            (["run", "--env"], "--env needs a file"),
-                            (["run", "--bogus"], "unknown option --bogus")):
-            self.assertIn("usage: relaytool-endpoint", self.assertRefused(ws, args, words))
-
-    def test_environment_files_and_malformed_settings(self):
-        ws = StandinWorkspace(self)
-        bad = os.path.join(ws.root, "bad.env")
-        with open(bad, "w") as f:
-            f.write("# settings\nHVN_RELAY_SERVER=relay\nHVN_GRIDFTP_PATH '/g'\n")
-        self.assertRefused(ws, ["--env", bad, "run"], "%s:3: expected KEY=VALUE" % bad)
-        # the default file is read too, when it exists
-        os.makedirs(os.path.join(ws.home, ".config", "relaytool"))
-        with open(os.path.join(ws.home, ".config", "relaytool", "endpoint.env"), "w") as f:
-            f.write("HVN_USER='unclosed\n")
-        self.assertRefused(ws, ["status"], "endpoint.env:1: unterminated single quote")
+                            (["run", "--env=x"], "unknown option --env=x")):
+            rc, _, err = ws.command(*args)
+            self.assertEqual((rc, ws.tool_runs()), (2, []), err)
+            self.assertIn(words, err)
+            self.assertIn("usage: relaytool-endpoint", err)
         for settings, words in ((dict(HVN_RELAY_SERVER=None), "HVN_RELAY_SERVER: not set"),
-                                (dict(HVN_RELAY_SERVER="[::1]:22"), "is not HOST or HOST:PORT"),
-                                (dict(HVN_FTP_PORT="x"), "HVN_FTP_PORT: 'x' is not")):
-            err = self.assertRefused(ws, ["--env", os.devnull, "run"], words,
-                                     env=ws.env(**settings))
-            self.assertEqual(len(err.splitlines()), 1, err)
+                                (dict(HVN_RELAY_SERVER="relay:0"), "is not HOST or HOST:PORT"),
+                                (dict(HVN_FTP_PORT="x"), "HVN_FTP_PORT: 'x' is not"),
+                                (dict(RELAYTOOL_SHARED_DIRS="ro:/srv"), "'ro' follows no dir"),
+                                (dict(RELAYTOOL_SHARED_DIRS="/srv:data"), "'data' is not an abs")):
+            rc, _, err = ws.command("run", env=ws.env(**settings))
+            self.assertEqual((rc, ws.tool_runs(), len(err.splitlines())), (2, [], 1), err)
+            self.assertIn(words, err)
 
 
 class Supervision(unittest.TestCase):
 
-    def test_tool_setting_descriptors_state_lock_and_stop(self):
-        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "then": "wait"}])
-        env_file = os.path.join(ws.root, "endpoint.env")
-        with open(env_file, "w") as f:
-            f.write("# the environment wins over the file\n"
-                    "HVN_USER=\"file user\"\nHVN_PROTOCOL_VERSION=2\nHVN_OS=FileOS\n")
+    def test_tool_setting_descriptors_state_history_lock_and_stop(self):
+        records = [RECORD % (n, "STOR", 226) for n in range(101)] + [RECORD % (2000, "RETR", 426)]
+        ws = StandinWorkspace(self, [dict(SERVING, stderr=[
+            "[ftp stderr] [4242] Wed May  1 12:00:00 2024 :: DN %s successfully authorized." %
+            SUBJECT] + records)])
         rc, status = ws.status()  # nothing has run here yet
         self.assertEqual((rc, status["state"], status["running"]), (3, "stopped", False))
         notify = NotifySocket(self, ws.root)
-        env = ws.env(HVN_USER="environment user", HVN_OS="", HVN_SSH_DEBUG="",
-                     NOTIFY_SOCKET=notify.path, HVN_DEBUG="1", HVN_SETUP_CODE="not for the tool")
+        env = ws.env(HVN_USER="ann", HVN_OS="", HVN_SSH_DEBUG="", HVN_PROTOCOL_VERSION="2",
+                     NOTIFY_SOCKET=notify.path, WATCHDOG_USEC="200000", HVN_DEBUG="1",
+                     HVN_SETUP_CODE="not for the tool")
         # a descriptor left open by whoever starts us must not reach the tool
         stray = os.open(ws.root, os.O_RDONLY)
         self.addCleanup(os.close, stray)
-        run = ws.start("--env", env_file, "run", env=env, pass_fds=(stray,))
+        run = ws.start("run", env=env, pass_fds=(stray,))
         state = run.wait_state(lambda s: s["state"] == "idle", "idle")
         self.assertEqual((state["display_name"], state["web_url"], state["last_failure"]),
                          ("Lab PC #2", "https://relay.example/ep?id=7", None))
         self.assertIn("HVN_DEBUG is not passed on", run.text())
+        self.assertEqual(stat.S_IMODE(os.stat(ws.config_dir).st_mode), 0o700)
 
         (tool,) = ws.tool_runs()
         self.assertEqual((tool["pid"], tool["fds"], tool["pgid"]),
                          (state["tool_pid"], [0, 1, 2], tool["pid"]))
         self.assertTrue(tool["stdin"].startswith("pipe:"), tool["stdin"])
         tool_env = tool["env"]
-        self.assertEqual((tool_env["HVN_USER"], tool_env["HVN_OS"], tool_env["HVN_FTP_PORT"]),
-                         ("environment user", "FileOS", "0"))
-        self.assertEqual(tool_env["HVN_PROTOCOL_VERSION"], "2")
-        for private in ("NOTIFY_SOCKET", "HVN_SETUP_CODE", "RELAYTOOL_PATH", "HVN_DEBUG",
-                        "HVN_SSH_DEBUG"):  # the last: empty means unset
+        self.assertEqual((tool_env["HVN_USER"], tool_env["HVN_OS"], tool_env["HVN_FTP_PORT"],
+                          tool_env["HVN_PROTOCOL_VERSION"]), ("ann", "Linux", "0", "2"))
+        for private in ("NOTIFY_SOCKET", "WATCHDOG_USEC", "HVN_SETUP_CODE", "RELAYTOOL_PATH",
+                        "HVN_DEBUG", "RELAYTOOL_SHARED_DIRS", "HVN_SSH_DEBUG"):  # the last: unset
             self.assertNotIn(private, tool_env)
+
+        # each record of the GridFTP server is a line of the log and an entry
+        # of the history, whose latest 100 are kept
+        run.wait_line(r"^transfer: sent /home/ann/my data\.bin, 2000 bytes in 2\.0 s "
+                      r"\(1\.0 kB/s\), for %s: failed \(reply 426\)$" % SUBJECT)
         rc, out, _ = ws.command("status")
         self.assertEqual(rc, 0)
-        self.assertIn("relaytool-endpoint is running (pid %d)\n" % run.pid, out)
-        self.assertIn("state:         idle\n", out)
+        for line in ("relaytool-endpoint is running (pid %d)\n" % run.pid, "state:         idle\n",
+                     "received /home/ann/my data.bin, 100 bytes in 2.0 s (50.0 B/s), for %s: ok\n"
+                     % SUBJECT):
+            self.assertIn(line, out)
+        rc, status = ws.status()
+        self.assertEqual(([t["bytes"] for t in status["transfers"][:2]], len(status["transfers"]),
+                          status["transfers"][-1]["at"]), ([2, 3], 100, "2024-05-01T12:00:02.500Z"))
 
         # a second supervisor for the same directory refuses to start, and so
         # does a setup that would rewrite the credentials under it
@@ -131,42 +143,70 @@ class Supervision(unittest.TestCase):
             self.assertEqual(rc, 4, err)
             self.assertIn("another relaytool-endpoint (pid %d) already runs" % run.pid, err)
 
+        self.assertTrue(wait_until(lambda: "WATCHDOG" in notify.kinds()), notify.messages)
         run.send_signal(signal.SIGTERM)
         self.assertEqual(run.wait_exit(), 0, run.report())
         self.assertFalse(alive(tool["pid"]))
         self.assertIn("stdin closed; parent died?", run.text())  # stopped its way
         self.assertEqual(run.states()[-1], "stopped: on request (SIGTERM)")
         rc, status = ws.status()
-        self.assertEqual((rc, status["state"], status["exit_status"]), (3, "stopped", 0))
-        kinds = notify.kinds()
+        self.assertEqual((rc, status["state"], status["exit_status"], len(status["transfers"])),
+                         (3, "stopped", 0, 100))
+        kinds = [k for k in notify.kinds() if k != "WATCHDOG"]
         self.assertEqual((kinds[0], kinds[-1], set(kinds[1:-1])), ("READY", "STOPPING", {"STATUS"}))
         self.assertIn("STATUS=idle", notify.messages)
 
+        # killed outright, it leaves a state that says idle: status knows better
+        run = ws.start("run", env=env)
+        run.wait_state(lambda s: s["state"] == "idle" and s["pid"] == run.pid, "idle again")
+        run.kill()
+        run.wait()
+        rc, status = ws.status()
+        self.assertEqual((rc, status["state"], status["running"]), (3, "stopped", False))
+        self.assertIn("ended without recording why", status["reason"])
+
     def test_waits_for_what_is_not_there_yet(self):
-        # At boot: the environment file on a home not yet mounted, then the
-        # GridFTP server not yet installed, then the shared directory; the
+        # At boot: the GridFTP server not yet installed, then the shared
+        # directory, then the relay authority's trust directory; the
         # server's configuration is written once all is there.
-        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "then": "wait"}])
-        env_file = os.path.join(ws.root, "later", "endpoint.env")
-        server, shared = os.path.join(ws.root, "gridftp-server"), os.path.join(ws.root, "shared")
-        run = ws.start("--env", env_file, "run", env=ws.env(HVN_GRIDFTP_PATH=None))
-        run.wait_line(r"^state: waiting for cannot read the environment file %s" % env_file)
-        os.mkdir(os.path.dirname(env_file))
-        with open(env_file, "w") as f:
-            f.write("HVN_GRIDFTP_PATH=%s\nRELAYTOOL_SHARED_DIRS=%s\n" % (server, shared))
+        ws = StandinWorkspace(self, [SERVING])
+        server, shared, trust = (os.path.join(ws.root, n) for n in ("server", "shared", "trust"))
+        run = ws.start("run", env=ws.env(HVN_GRIDFTP_PATH=server, RELAYTOOL_SHARED_DIRS=shared,
+                                         RELAYTOOL_TRUST_DIR=trust))
         state = run.wait_state(lambda s: s["state"] == "waiting", "waiting for the server")
         self.assertIn("for HVN_GRIDFTP_PATH: cannot use %s" % server, state["reason"])
         self.assertEqual((state["last_failure"]["class"], ws.tool_runs()), ("not-ready", []))
         os.symlink("/bin/true", server)
         run.wait_line(r"^state: waiting for RELAYTOOL_SHARED_DIRS: cannot share %s: No such file"
                       % shared)
-        self.assertFalse(os.path.exists(ws.path("gridftp.conf")))
         os.mkdir(shared)
+        os.mkdir(trust)
+        run.wait_line(r"^state: waiting for RELAYTOOL_TRUST_DIR: %s holds no certificate" % trust)
+        with open(os.path.join(trust, "abcd1234.0"), "w"):
+            pass
+        run.wait_line(r"^state: waiting for RELAYTOOL_TRUST_DIR: %s/abcd1234.0 has no readable %s"
+                      r"/abcd1234.signing_policy" % (trust, trust))
+        self.assertFalse(os.path.exists(ws.path("gridftp.conf")))
+        with open(os.path.join(trust, "abcd1234.signing_policy"), "w"):
+            pass
         run.wait_state(lambda s: s["state"] == "idle", "idle")
         with open(ws.path("gridftp.conf")) as f:
             self.assertIn('restrict_paths "%s"' % shared, f.read())
         run.send_signal(signal.SIGTERM)
         self.assertEqual(run.wait_exit(), 0, run.report())
+
+    def test_a_connection_that_lasted_resets_the_back_off(self):
+        # three failures in a row put the delay at 0.2 s or more; after a
+        # connection that lasted longer than the longest delay, at the least
+        ws = StandinWorkspace(self, [{}, {}, {}, {"stdout": [CONNECTED, IDLE], "then": 1.5},
+                                     SERVING])
+        run = ws.start("run")
+        run.wait_state(lambda s: s["state"] == "idle" and s["restarts"] == 4, "idle at last")
+        delays = re.findall(r"^state: waiting to reconnect after (\S+?)[;:].*\(in ([\d.]+) s\)$",
+                            run.text(), re.M)
+        self.assertEqual([c for c, _ in delays], ["unknown"] * 3 + ["connection-lost"])
+        self.assertGreaterEqual(float(delays[2][1]), 0.2, delays)
+        self.assertLessEqual(float(delays[3][1]), 0.1, delays)
 
     def test_setup_reads_the_code_from_standard_input(self):
         ws = StandinWorkspace(self, [{"stderr": ["HVN V2 setup complete"], "exit": 0},
@@ -186,6 +226,75 @@ class Supervision(unittest.TestCase):
         self.assertIn("warning: --debug: the tool's debug output goes to standard error and the "
                       "journal, and it contains private keys", err)
         self.assertIn("the endpoint is not set up: relay-error, ", err)
+
+
+class Stopping(unittest.TestCase):
+    """Workers first, while the tunnel carries them; then the tool its own
+    way; then whatever is left, by force."""
+
+    def test_workers_get_their_grace_and_a_tool_that_stays_is_killed(self):
+        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "slow",
+                                      "then": "linger"}])
+        run = ws.start("run")
+        run.wait_state(lambda s: s["state"] == "active", "active")
+        run.send_signal(signal.SIGTERM)
+        self.assertEqual(run.wait_exit(), 0, run.report())
+        events = ws.events()
+        self.assertIn("worker ended its transfer", events, run.report())
+        self.assertLess(events["worker ended its transfer"]["at"],
+                        events["tool's input closed"]["at"])
+        self.assertFalse(alive(ws.tool_runs()[0]["pid"]))
+
+    def test_a_second_signal_ends_at_once_also_the_workers_a_tool_left(self):
+        # the first run leaves a worker that ignores SIGTERM and ends
+        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "stubborn"},
+                                     SERVING])
+        run = ws.start("run")
+        run.wait_state(lambda s: s["state"] == "idle" and s["restarts"] == 1, "idle again")
+        worker = wait_until(lambda: ws.events().get("worker started"))["pid"]
+        run.send_signal(signal.SIGTERM)
+        run.wait_state(lambda s: s["state"] == "stopping", "stopping")
+        run.send_signal(signal.SIGTERM)
+        self.assertEqual(run.wait_exit(timeout=GRACE), 0, run.report())
+        self.assertTrue(wait_until(lambda: not alive(worker)), "the worker lives on")
+
+
+class PauseAndResume(unittest.TestCase):
+
+    def test_pause_waits_for_transfers_stays_across_a_restart_and_resumes(self):
+        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "brief",
+                                      "then": "wait"}, SERVING])
+        self.assertEqual(ws.command("pause")[0], 3)  # nothing runs
+        run = ws.start("run")
+        run.wait_state(lambda s: s["state"] == "active", "active")
+        rc, out, err = ws.command("pause")
+        self.assertEqual((rc, out), (0, "relaytool-endpoint: pausing once the running transfers "
+                                        "have ended\n"), err)
+        self.assertEqual(ws.state()["state"], "pausing")
+        state = run.wait_state(lambda s: s["state"] == "paused", "paused")
+        self.assertEqual((ws.tool_runs()[-1]["env"]["HVN_FTP_PORT"], state["restarts"]), ("-1", 1))
+        self.assertIn("pausing: the transfers have ended", run.text())
+        rc, out, _ = ws.command("status")
+        self.assertRegex(out, r"state: +paused since \d{4}-.*Z\n")
+        run.send_signal(signal.SIGTERM)
+        self.assertEqual(run.wait_exit(), 0, run.report())
+
+        # another user is refused, whatever the directory's permissions
+        run = ws.start("run")
+        run.wait_state(lambda s: s["state"] == "paused" and s["pid"] == run.pid, "paused again")
+        self.assertEqual(ws.tool_runs()[-1]["env"]["HVN_FTP_PORT"], "-1")
+        for path in (ws.root, ws.config_dir, ws.path("endpoint.sock")):
+            os.chmod(path, 0o777)
+        rc, _, err = ws.command("resume", prefix=("setpriv", "--reuid=65534", "--regid=65534",
+                                                  "--clear-groups"))
+        self.assertEqual(rc, 1, err)
+        self.assertIn("refused: this relaytool-endpoint runs as user 0", err)
+        run.wait_line("^relaytool-endpoint: refused a command from user 65534")
+        rc, out, _ = ws.command("resume")
+        self.assertEqual((rc, out), (0, "relaytool-endpoint: resumed\n"))
+        run.wait_state(lambda s: s["state"] == "idle", "idle")
+        self.assertEqual(ws.tool_runs()[-1]["env"]["HVN_FTP_PORT"], "0")
+        self.assertIsNone(ws.status()[1]["paused_since"])
 
 
 if __name__ == "__main__":

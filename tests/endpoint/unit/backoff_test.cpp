@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "backoff.h"
+#include "tool.h"
 
 using endpoint::Backoff;
 using endpoint::BackoffKind;
@@ -37,13 +37,15 @@ TEST(Backoff, ALongOneStartsAt32TimesTheMinimumWithinTheMaximum) {
     EXPECT_LE(small.next(0.99, BackoffKind::Long), 0.4);
 }
 
-TEST(Backoff, AConnectionOfAMinuteStartsAgainFromTheMinimum) {
-    Backoff b(1, 300);
-    for (int i = 0; i < 5; ++i) b.next(0.5);
-    b.connection_lasted(Backoff::kStableSeconds - 0.1);
+TEST(Backoff, AConnectionAsLongAsTheLongestDelayStartsAgainFromTheMinimum) {
+    Backoff b(1, 300), small(0.05, 0.4);
+    for (int i = 0; i < 5; ++i) b.next(0.5), small.next(0.5);
+    b.connection_lasted(Backoff::kStableSeconds - 0.1);  // a minute at most
+    small.connection_lasted(0.3);
     EXPECT_GE(b.next(0), 32);
+    EXPECT_GE(small.next(0), 0.2);
     b.connection_lasted(Backoff::kStableSeconds);
-    double d = b.next(0.99);
-    EXPECT_GE(d, 1);
-    EXPECT_LE(d, 2);
+    small.connection_lasted(0.4);
+    EXPECT_LE(b.next(0.99), 2);
+    EXPECT_LE(small.next(0.99), 0.1);
 }

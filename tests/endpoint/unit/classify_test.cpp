@@ -3,7 +3,7 @@
 #include <csignal>
 #include <vector>
 
-#include "classify.h"
+#include "tool.h"
 
 using endpoint::class_info;
 using endpoint::Failure;
