@@ -98,13 +98,14 @@ bool paused_since(const std::string& config_dir, WallClock::time_point& since) {
     return true;
 }
 
-void write_for_looking(const std::string& path, const std::string& text, bool& failed) {
+void write_for_looking(const char* what, const std::string& path, const std::string& text,
+                       bool& failed) {
     int err = hvlib::replace_file_atomically(path, text);
     if (err != 0 && !failed) {
-        fprintf(stderr, "relaytool-endpoint: cannot write %s: %s\n", path.c_str(),
+        fprintf(stderr, "relaytool-endpoint: cannot write %s %s: %s\n", what, path.c_str(),
                 hvlib::get_strerror_string(err).c_str());
     } else if (err == 0 && failed) {
-        fprintf(stderr, "relaytool-endpoint: %s is written again\n", path.c_str());
+        fprintf(stderr, "relaytool-endpoint: %s %s is written again\n", what, path.c_str());
     }
     failed = err != 0;
 }
@@ -118,7 +119,8 @@ void StateRecorder::record(EndpointState& state) {
     std::string line = describe(state);
     fprintf(stderr, "state: %s\n", line.c_str());
 
-    if (!m_path.empty()) write_for_looking(m_path, to_json(state), m_write_failed);
+    if (!m_path.empty())
+        write_for_looking("the state file", m_path, to_json(state), m_write_failed);
 
     if (m_stopping_sent) return;
     for (char& c : line) {
@@ -220,7 +222,7 @@ bool TransferHistory::feed(const std::string& line) {
     m_entries.push_back(entry);
     if (m_entries.size() > kKept) m_entries.erase(m_entries.begin());
     if (!m_path.empty()) {
-        write_for_looking(m_path,
+        write_for_looking("the transfer history", m_path,
                           m_entries.dump(1, ' ', false, json::error_handler_t::replace) + "\n",
                           m_write_failed);
     }

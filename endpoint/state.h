@@ -100,7 +100,8 @@ private:
 
 // Writes a file that is there for looking at: a full disk must not stop the
 // endpoint, so a failure is reported once, and so is the recovery.
-void write_for_looking(const std::string& path, const std::string& text, bool& failed);
+void write_for_looking(const char* what, const std::string& path, const std::string& text,
+                       bool& failed);
 
 // "sent /data/a.txt, 1048576 bytes in 2.0 s (524.3 kB/s), for SUBJECT: ok"
 std::string describe_transfer(const nlohmann::json& entry);
