@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <utility>
 
 #include "diag.h"

@@ -1,13 +1,8 @@
-// The one event loop: libsystemd's sd-event. The stop signals and SIGCHLD
-// arrive as its events, and when the service manager asks for a watchdog
+// The one event loop, libsystemd's sd-event, and what it watches: signals,
+// children, the kernel's address and route changes (rtnetlink) and logind's
+// sleep and resume. When the service manager asks for a watchdog
 // (WatchdogSec=) the loop itself sends WATCHDOG=1, so a hung loop is
-// restarted. Otherwise, with nothing armed, it sleeps until something happens.
-//
-// What the computer says about the way to the relay. The kernel announces
-// address and route changes (rtnetlink) and tells which local address it
-// would use to reach the relay when a UDP socket connect()s (no packet
-// leaves): enough to know whether a change can have broken the tunnel, so
-// no message is parsed. logind announces sleep and resume on the system bus.
+// restarted; otherwise, with nothing armed, it sleeps until something happens.
 #pragma once
 
 #include <sys/socket.h>
@@ -65,6 +60,10 @@ private:
 // Whether any child of this process is left, ended or not; reaps none.
 bool children_left();
 
+// The kernel announces address and route changes and tells which local
+// address it would use to reach the relay when a UDP socket connect()s (no
+// packet leaves): enough to know whether a change can have broken the
+// tunnel, so no message is parsed.
 class NetworkWatch : Pinned {
 public:
     // Changes that come in a burst (a link going down takes its addresses

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "build_info.h"
-#include "cli.h"
+#include "settings.h"
 
 extern char** environ;
 
@@ -116,16 +116,10 @@ int main(int argc, char** argv) {
                 "relaytool-endpoint: HVN_DEBUG is not passed on, since the tool's debug "
                 "output contains private keys; --debug passes it on\n");
     }
-    switch (cli.command) {
-        case Command::Run:
-            return run_supervisor(cli, settings);
-        case Command::Setup:
-            return run_setup(cli, settings);
-        case Command::Status:
-            return show_status(settings.config_dir, cli.json);
-        default:
-            return send_command(settings.config_dir, cli.now                         ? "pause --now"
-                                                     : cli.command == Command::Pause ? "pause"
-                                                                                     : "resume");
-    }
+    if (cli.command == Command::Run) return run_supervisor(cli, settings);
+    if (cli.command == Command::Setup) return run_setup(cli, settings);
+    if (cli.command == Command::Status) return show_status(settings.config_dir, cli.json);
+    bool pause = cli.command == Command::Pause;
+    return send_command(settings.config_dir,
+                        pause ? (cli.now ? "pause --now" : "pause") : "resume");
 }

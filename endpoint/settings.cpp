@@ -5,9 +5,11 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
 
 #include "build_info.h"
@@ -106,9 +108,8 @@ bool server_path(const char* name, const std::string& path, const char* forbidde
                             "list also a comma or $)");
 }
 
-// What the GridFTP server shares (the home by default), "DIR" or "DIR:ro"
-// separated by ':', and the authority it trusts (the installed one by
-// default; a build without one trusts none).
+// What the GridFTP server shares ("DIR" or "DIR:ro" separated by ':', the
+// home by default), and the authority it trusts (the installed one, if any).
 bool resolve_server_settings(const EnvMap& env, Settings& out, std::string& problem) {
     const char* name = "RELAYTOOL_SHARED_DIRS";
     std::string shared = value_of(env, name);
@@ -135,6 +136,78 @@ bool resolve_server_settings(const EnvMap& env, Settings& out, std::string& prob
     }
     if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, {});
     return true;
+}
+
+// Never served unless named as a shared directory themselves: besides the
+// configuration directory, where the user's keys live.
+const char* const kPrivateStores[] = {
+    ".ssh", ".gnupg", ".globus", ".pki", ".local/share/keyrings", ".password-store",
+};
+
+std::string quoted(const std::string& value) { return "\"" + value + "\""; }
+
+// The path with symbolic links resolved as far as it exists: the server
+// resolves what a client asks for, but a restriction only if it exists.
+std::string resolved(const std::string& path) {
+    std::string head = path, tail;
+    for (;;) {
+        if (char* real = realpath(head.c_str(), nullptr)) {
+            std::string result = real;
+            free(real);
+            return result == "/" ? tail : result + tail;
+        }
+        size_t slash = head.rfind('/');
+        if (slash == 0 || slash == std::string::npos) return path;
+        tail = head.substr(slash) + tail;
+        head.resize(slash);
+    }
+}
+
+bool inside(const std::string& path, const std::string& dir) {
+    return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+           (dir == "/" || path[dir.size()] == '/');
+}
+
+// restrict_paths: each share (R: read-only), "N" (no access) for each private
+// store inside one, and read-only the directories between a writable share
+// and a store, or a client could rename one and find the store renamed.
+std::string restricted_paths(const Settings& settings) {
+    std::vector<std::pair<std::string, bool>> shares;  // resolved, writable
+    std::vector<std::string> entries;
+    auto add = [&entries](const std::string& entry) {
+        if (std::find(entries.begin(), entries.end(), entry) == entries.end()) {
+            entries.push_back(entry);
+        }
+    };
+    for (const Share& share : settings.shared) {
+        shares.emplace_back(resolved(share.dir), !share.read_only);
+        add((share.read_only ? "R" : "") + share.dir);
+    }
+    std::vector<std::string> stores = {settings.config_dir};
+    for (const char* store : kPrivateStores) {
+        if (!settings.home.empty()) stores.push_back(settings.home + "/" + store);
+    }
+    for (const std::string& store : stores) {
+        std::string path = resolved(store);
+        auto is_share = [&](const std::string& p) {
+            return std::any_of(shares.begin(), shares.end(), [&](auto& s) { return s.first == p; });
+        };
+        bool served = std::any_of(shares.begin(), shares.end(),
+                                  [&](auto& share) { return inside(path, share.first); });
+        if (is_share(path) || !served) continue;
+        for (size_t slash = path.find('/', 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            std::string above = path.substr(0, slash);
+            bool writable = std::any_of(shares.begin(), shares.end(), [&](auto& share) {
+                return share.second && inside(above, share.first);
+            });
+            if (writable && !is_share(above)) add("R" + above);
+        }
+        add("N" + path);
+    }
+    std::string text;
+    for (const std::string& entry : entries) text += (text.empty() ? "" : ",") + entry;
+    return text;
 }
 
 }  // namespace
@@ -221,8 +294,7 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         return problem_with(problem, "RELAYTOOL_BACKOFF_MIN", "larger than RELAYTOOL_BACKOFF_MAX");
     }
 
-    // The tool's own reading of the address, checked here so that a value
-    // it cannot use stops us before the first start rather than after it.
+    // The tool's own reading of the address: a value it cannot use stops us now.
     std::string relay = value_of(env, "HVN_RELAY_SERVER");
     hvlib::StringList parts = hvlib::split_relay_server(relay);
     int port = 0;
@@ -281,6 +353,74 @@ bool paths_ready(const Settings& settings, Command command, std::string& problem
             problem_with(problem, "HVN_GLOBAL_ETC_DIR", "cannot read " + key)) &&
            (!run || shared_dirs_ready(settings, problem)) &&
            (!run || settings.trust_dir.empty() || trust_dir_ready(settings.trust_dir, problem));
+}
+
+const char* const kGeneratedMarker =
+    "# Written by relaytool-endpoint, which rewrites this file at each run while this line is "
+    "first.";
+
+std::string gridftp_conf_text(const Settings& settings) {
+    const std::string& dir = settings.config_dir;
+    std::string text =
+        std::string(kGeneratedMarker) +
+        "\n"
+        "# To keep a file of your own here, remove that line; to get the generated\n"
+        "# one back, remove or rename yours. Setup wrote the certificate, key and map.\n"
+        "$X509_USER_CERT " +
+        quoted(dir + "/ftp-cert2.pem") + "\n$X509_USER_KEY " + quoted(dir + "/ftp-key2.pem") +
+        "\n$GRIDMAP " + quoted(dir + "/gridmap") + "\n";
+    if (settings.trust_dir.empty()) {
+        text +=
+            "# No relay authority is trusted: the build has none and RELAYTOOL_TRUST_DIR\n"
+            "# is not set, so the server looks only in its own places.\n";
+    } else {
+        text += "# The authority it trusts to verify clients: the relay's.\n$X509_CERT_DIR " +
+                quoted(settings.trust_dir) + "\n";
+    }
+    return text +
+           "# What it serves (R: read only), never (N) the private stores inside.\n"
+           "restrict_paths " +
+           quoted(restricted_paths(settings)) + "\nhome_dir " +
+           quoted(settings.shared.front().dir) +
+           "\n"
+           "# The log goes to the endpoint's, with each transfer and the control channel.\n"
+           "log_single /dev/stderr\n"
+           "log_module stdio:buffer=0\n"
+           "log_level ERROR,WARN,INFO,TRANSFER,DUMP\n";
+}
+
+int write_gridftp_conf(const Settings& settings, ConfOutcome& outcome) {
+    std::string path = settings.config_dir + "/gridftp.conf";
+    std::string existing;
+    int err = hvlib::try_read_file_contents(path, existing);
+    if (err != 0 && err != ENOENT) return err;
+    outcome = ConfOutcome::Operators;
+    if (err == 0 && existing.rfind(std::string(kGeneratedMarker) + "\n", 0) != 0) return 0;
+    std::string text = gridftp_conf_text(settings);
+    outcome = err == 0 && existing == text ? ConfOutcome::Unchanged : ConfOutcome::Written;
+    return outcome == ConfOutcome::Written ? hvlib::replace_file_atomically(path, text) : 0;
+}
+
+bool trust_dir_ready(const std::string& dir, std::string& problem) {
+    std::error_code failed;
+    int certificates = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, failed)) {
+        std::string name = entry.path().filename();
+        if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
+        ++certificates;
+        std::string policy = dir + "/" + name.substr(0, name.size() - 2) + ".signing_policy";
+        if (!hvlib::file_readable(policy)) {  // the server would say so only to the client
+            problem = "RELAYTOOL_TRUST_DIR: " + dir + "/" + name + " has no readable " + policy +
+                      " beside it, without which the GridFTP server refuses its certificates";
+            return false;
+        }
+    }
+    if (failed) problem = "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " + failed.message();
+    if (!failed && certificates == 0) {
+        problem =
+            "RELAYTOOL_TRUST_DIR: " + dir + " holds no certificate under a hashed name (<hash>.0)";
+    }
+    return certificates > 0;
 }
 
 }  // namespace endpoint

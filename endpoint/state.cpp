@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -18,6 +19,36 @@ const char* phase_name(Phase phase) {
     static const char* const kNames[] = {"starting", "connected", "idle",     "active", "pausing",
                                          "paused",   "waiting",   "stopping", "stopped"};
     return kNames[static_cast<int>(phase)];
+}
+
+using nlohmann::json;
+
+const char kWorkerPrefix[] = "[ftp stderr] [";
+
+std::string history_file(const std::string& config_dir) { return config_dir + "/transfers.json"; }
+
+// A field of the record: up to the next blank, or for FILE (which holds a
+// path as it is, blanks too) up to the field that follows it.
+std::string field(const std::string& record, const std::string& key) {
+    size_t start = record.find(" " + key + "=");
+    if (start == std::string::npos) return "";
+    start += key.size() + 2;
+    size_t end = record.find(key == "FILE" ? " BUFFER=" : " ", start);
+    return record.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+// "20240501120000.250000", in UTC, as seconds since the epoch.
+double seconds_of(const std::string& stamp) {
+    struct tm utc {};
+    if (stamp.size() < 14 || !strptime(stamp.substr(0, 14).c_str(), "%Y%m%d%H%M%S", &utc)) return 0;
+    return static_cast<double>(timegm(&utc)) + atof(stamp.substr(14).c_str());
+}
+
+std::string rate_of(double bytes_per_second) {
+    const char* units[] = {"B/s", "kB/s", "MB/s", "GB/s"};
+    int unit = 0;
+    for (; unit < 3 && bytes_per_second >= 1000; ++unit) bytes_per_second /= 1000;
+    return hvlib::str_sprintf("%.1f %s", bytes_per_second, units[unit]);
 }
 
 }  // namespace
@@ -57,7 +88,6 @@ std::string describe(const EndpointState& s) {
 }
 
 std::string to_json(const EndpointState& s) {
-    using nlohmann::json;
     auto text = [](const std::string& t) { return t.empty() ? json(nullptr) : json(t); };
     const FailureRecord& f = s.last_failure;
     json failure = {{"class", f.cls}, {"line", f.line}, {"end", f.end}, {"at", iso_time(f.at)}};
@@ -75,10 +105,8 @@ std::string to_json(const EndpointState& s) {
         {"tool_pid", s.tool_pid > 0 ? json(s.tool_pid) : json(nullptr)},
         {"display_name", text(s.display_name)},
         {"web_url", text(s.web_url)},
-        {"config_dir", s.config_dir},
         {"paused_since", s.paused ? json(iso_time(s.paused_since)) : json(nullptr)},
-        {"description", describe(s)},
-    };
+        {"description", describe(s)}};
     // Lines from the tool need not be UTF-8: replace what is not.
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
@@ -111,9 +139,8 @@ void write_for_looking(const char* what, const std::string& path, const std::str
 }
 
 void StateRecorder::record(EndpointState& state) {
-    if (state.phase != m_last_phase || state.workers != m_last_workers) {
+    if (state.phase != m_last_phase || state.workers != m_last_workers)
         state.since = WallClock::now();
-    }
     m_last_phase = state.phase;
     m_last_workers = state.workers;
     std::string line = describe(state);
@@ -123,53 +150,12 @@ void StateRecorder::record(EndpointState& state) {
         write_for_looking("the state file", m_path, to_json(state), m_write_failed);
 
     if (m_stopping_sent) return;
-    for (char& c : line) {
-        if (c == '\n') c = ' ';  // would end the STATUS= assignment early
-    }
-    const char* kind = "";
-    if (state.phase == Phase::Stopping || state.phase == Phase::Stopped) {
-        m_stopping_sent = true;
-        kind = "STOPPING=1\n";
-    } else if (!m_ready_sent) {
-        m_ready_sent = true;
-        kind = "READY=1\n";
-    }
+    std::replace(line.begin(), line.end(), '\n', ' ');  // would end the STATUS= assignment early
+    m_stopping_sent = state.phase == Phase::Stopping || state.phase == Phase::Stopped;
+    const char* kind = m_stopping_sent ? "STOPPING=1\n" : m_ready_sent ? "" : "READY=1\n";
+    m_ready_sent = true;
     (void)sd_notifyf(0, "%sSTATUS=%s", kind, line.c_str());  // best effort
 }
-
-namespace {
-
-using nlohmann::json;
-
-const char kWorkerPrefix[] = "[ftp stderr] [";
-
-std::string history_file(const std::string& config_dir) { return config_dir + "/transfers.json"; }
-
-// A field of the record: up to the next blank, or for FILE (which holds a
-// path as it is, blanks too) up to the field that follows it.
-std::string field(const std::string& record, const std::string& key) {
-    size_t start = record.find(" " + key + "=");
-    if (start == std::string::npos) return "";
-    start += key.size() + 2;
-    size_t end = record.find(key == "FILE" ? " BUFFER=" : " ", start);
-    return record.substr(start, end == std::string::npos ? std::string::npos : end - start);
-}
-
-// "20240501120000.250000", in UTC, as seconds since the epoch.
-double seconds_of(const std::string& stamp) {
-    struct tm utc {};
-    if (stamp.size() < 14 || !strptime(stamp.substr(0, 14).c_str(), "%Y%m%d%H%M%S", &utc)) return 0;
-    return static_cast<double>(timegm(&utc)) + atof(stamp.substr(14).c_str());
-}
-
-std::string rate_of(double bytes_per_second) {
-    const char* units[] = {"B/s", "kB/s", "MB/s", "GB/s"};
-    int unit = 0;
-    for (; unit < 3 && bytes_per_second >= 1000; ++unit) bytes_per_second /= 1000;
-    return hvlib::str_sprintf("%.1f %s", bytes_per_second, units[unit]);
-}
-
-}  // namespace
 
 json TransferHistory::load(const std::string& config_dir) {
     std::string text;
@@ -205,19 +191,17 @@ bool TransferHistory::feed(const std::string& line) {
     double seconds = end > start ? end - start : 0;
     long long bytes = atoll(field(record, "NBYTES").c_str());
     std::string code = field(record, "CODE");
-    json entry = {
-        {"at", iso_time(WallClock::time_point(
-                   std::chrono::microseconds(static_cast<long long>(end * 1e6))))},
-        {"direction", type == "RETR" || type == "ERET"   ? "sent"
-                      : type == "STOR" || type == "ESTO" ? "received"
-                                                         : type},
-        {"path", field(record, "FILE")},
-        {"bytes", bytes},
-        {"seconds", seconds},
-        {"rate", seconds > 0 ? bytes / seconds : 0},
-        {"subject", m_subjects.count(pid) != 0 ? json(m_subjects[pid]) : json(nullptr)},
-        {"outcome", code == "226" ? "ok" : "failed (reply " + code + ")"},
-    };
+    json entry = {{"at", iso_time(WallClock::time_point(
+                             std::chrono::microseconds(static_cast<long long>(end * 1e6))))},
+                  {"direction", type == "RETR" || type == "ERET"   ? "sent"
+                                : type == "STOR" || type == "ESTO" ? "received"
+                                                                   : type},
+                  {"path", field(record, "FILE")},
+                  {"bytes", bytes},
+                  {"seconds", seconds},
+                  {"rate", seconds > 0 ? bytes / seconds : 0},
+                  {"subject", m_subjects.count(pid) != 0 ? json(m_subjects[pid]) : json(nullptr)},
+                  {"outcome", code == "226" ? "ok" : "failed (reply " + code + ")"}};
     fprintf(stderr, "transfer: %s\n", describe_transfer(entry).c_str());
     m_entries.push_back(entry);
     if (m_entries.size() > kKept) m_entries.erase(m_entries.begin());

@@ -16,8 +16,7 @@ using WallClock = std::chrono::system_clock;
 enum class Phase { Starting, Connected, Idle, Active, Pausing, Paused, Waiting, Stopping, Stopped };
 
 struct FailureRecord {
-    std::string cls, line,
-        end;  // the class's name, the tool's line that showed it, "exit status 1"
+    std::string cls, line, end;  // its class, the tool's line that showed it, "exit status 1"
     WallClock::time_point at;
 };
 
@@ -35,8 +34,7 @@ struct EndpointState {
     int exit_status = -1;  // once stopped
     long pid = 0, tool_pid = 0;
     std::string display_name, web_url;  // as the relay sent them, decoded
-    std::string config_dir;
-    bool paused = false;  // asked to pause, and not resumed since
+    bool paused = false;                // asked to pause, and not resumed since
     WallClock::time_point paused_since;
 };
 

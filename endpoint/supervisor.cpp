@@ -4,17 +4,15 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <vector>
 
-#include "cli.h"
 #include "diag.h"
 #include "file.h"
 #include "keyvalues.h"
 #include "loop.h"
+#include "settings.h"
 #include "state.h"
 #include "strutil.h"
 #include "tool.h"
@@ -31,16 +29,14 @@ long long now_ms() {
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-void note(const std::string& text) { fprintf(stderr, "relaytool-endpoint: %s\n", text.c_str()); }
-
 class Supervisor {
 public:
     Supervisor(const CommandLine& cli, const Settings& settings)
-        : m_settings(settings), m_route(settings.relay_host, settings.relay_port) {
+        : m_settings(settings),
+          m_route(settings.relay_host, settings.relay_port),
+          m_backoff(settings.backoff_min, settings.backoff_max) {
         if (cli.debug) m_settings.tool_env["HVN_DEBUG"] = "1";
-        m_backoff.limits(m_settings.backoff_min, m_settings.backoff_max);
         m_state.pid = getpid();
-        m_state.config_dir = m_settings.config_dir;
     }
 
     int run() {
@@ -56,7 +52,8 @@ public:
                 m_loop.event(), [this] { network_changed(); }, why))
             note(why + "; address and route changes are not followed");
         auto slept = [this](bool asleep) {
-            asleep ? note("the computer is going to sleep") : restart("the computer has resumed");
+            asleep ? (void)note("the computer is going to sleep")
+                   : restart("the computer has resumed");
         };
         if (!m_sleep.open(m_loop.event(), slept, why))
             note(why + "; sleep and resume are not followed");
@@ -70,15 +67,9 @@ private:
     bool prepared() {
         std::string problem;
         const std::string& dir = m_settings.config_dir;
-        if (!m_locked) {
-            LockResult lock = take_config_lock(dir, problem);
-            if (lock == LockResult::Held) {
-                note(problem);
-                m_loop.exit(4);
-                return false;
-            }
-            m_locked = lock == LockResult::Taken;
-        }
+        LockResult lock = m_locked ? LockResult::Taken : take_config_lock(dir, problem);
+        if (lock == LockResult::Held) return note(problem), m_loop.exit(4), false;
+        m_locked = lock == LockResult::Taken;
         if (m_locked && !m_recorder.writing()) {  // the directory is ours now
             m_recorder.write_into(dir);
             m_history.keep_in(dir);
@@ -248,9 +239,8 @@ private:
         }
     }
 
-    // A burst of address or route changes has settled. A route that goes
-    // and comes back with the same local address leaves a running tool
-    // alone: TCP carries its connections through.
+    // A burst of address or route changes has settled. A route that comes
+    // back with the same local address leaves a running tool alone.
     void network_changed() {
         std::string local;
         Route route = m_route.local_address(local);
@@ -321,10 +311,9 @@ private:
         kill_workers();
     }
 
-    // Stops in three steps. The GridFTP workers get SIGTERM and a grace
-    // time to end their transfers while the tunnel still carries them (the
-    // tool never ends them, and they outlive it); then the tool is stopped
-    // its own way, which takes ssh with it; what is left then is killed.
+    // Stops in three steps: the GridFTP workers get SIGTERM and a grace time
+    // while the tunnel still carries them (the tool never ends them); then
+    // the tool is stopped its own way, taking ssh along; the rest is killed.
     void shut_down(int exit_status, const std::string& reason) {
         m_stopping = true;
         m_state.exit_status = exit_status;
@@ -369,7 +358,7 @@ private:
     StateRecorder m_recorder;
     TransferHistory m_history;
     ControlSocket m_control;
-    Backoff m_backoff{1, 300};
+    Backoff m_backoff;
     std::mt19937_64 m_random{std::random_device{}()};
     EndpointState m_state;
     Source m_retry, m_grace;

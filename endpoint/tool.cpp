@@ -8,10 +8,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
-#include <vector>
 
 #include "diag.h"
 #include "file.h"
@@ -111,8 +109,7 @@ Failure FailureClassifier::finish(const ToolEnd& end, bool connected) const {
     } else if (end.signaled && failure.cls != FailureClass::Internal) {
         failure = {FailureClass::Signal, "", end};
     } else if (connected && (!m_found || failure.cls == FailureClass::RelayUnreachable)) {
-        // A relay that logged us in was reachable; and ssh often ends a
-        // broken session without a word.
+        // A relay that logged us in was reachable; ssh often ends quietly.
         failure.cls = FailureClass::ConnectionLost;
     }
     return failure;
@@ -126,16 +123,13 @@ Tool::~Tool() {
 
 int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, LineHandler out,
                 LineHandler err) {
-    // Every pipe end is close-on-exec; the three that the tool gets (the
-    // read end of the first pipe, the write ends of the others) are copied
-    // onto 0, 1 and 2, which clears the flag on the copies only.
+    // Every pipe end is close-on-exec; the tool's three are copied onto 0, 1
+    // and 2, which clears the flag on the copies only.
     int fds[6] = {-1, -1, -1, -1, -1, -1};
     for (int i = 0; i < 6; i += 2) {
         if (pipe2(fds + i, O_CLOEXEC) == 0) continue;
         int err = errno;
-        for (int fd : fds) {
-            if (fd != -1) close(fd);
-        }
+        for (int fd : fds) close(fd);  // -1 for those not made: EBADF, harmless
         return err;
     }
     posix_spawn_file_actions_t actions;
@@ -160,11 +154,8 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
         &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> entries;
-    for (const auto& [key, value] : env) {
-        entries.push_back(hvlib::str_sprintf("%s=%s", key.c_str(), value.c_str()));
-    }
+    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
     std::vector<char*> envp;
-    envp.reserve(entries.size() + 1);
     for (std::string& entry : entries) envp.push_back(&entry[0]);
     envp.push_back(nullptr);
     std::string argv0 = "relaytool";
@@ -193,8 +184,7 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
     for (Stream* s : {&m_out, &m_err}) {
         fcntl(s->fd, F_SETFL, O_NONBLOCK);
         s->source.readable(loop, s->fd, [this, s] {
-            while (read_from(*s)) {
-            }
+            while (read_from(*s)) continue;
         });
     }
     return 0;
@@ -230,10 +220,7 @@ void Tool::pass_on(Stream& s, size_t cut) {
 
 void Tool::stop(bool at_once) {
     if (m_pid <= 0) return;
-    if (m_stdin == -1 || at_once) {
-        kill(m_pid, SIGKILL);
-        return;
-    }
+    if (m_stdin == -1 || at_once) return (void)kill(m_pid, SIGKILL);
     close(m_stdin);  // the tool ends at once, and pdeath takes ssh with it
     m_stdin = -1;
     m_kill.after(m_loop, kStopGraceMs, [this] { kill(m_pid, SIGKILL); });
@@ -246,8 +233,7 @@ bool Tool::ended(pid_t pid, int status, ToolEnd& end) {
     m_pid = -1;  // reaped: its number may be another process's from now on
     // What it wrote before it ended is in the pipes: take all of it.
     for (Stream* s : {&m_out, &m_err}) {
-        while (read_from(*s)) {
-        }
+        while (read_from(*s)) continue;
         pass_on(*s, s->partial.size());
     }
     close_all();

@@ -1,14 +1,8 @@
-// What ended a run of the tool, and whether starting it again can help. The
-// tool ends every login with exit status 1 and says why only in free text
-// on standard error: its own lines and the ssh client's ("[ssh stderr] ...").
-// The GridFTP workers' lines ("[ftp stderr] ...") never count: a transfer's
-// trouble says nothing about the connection.
-//
 // One run of the tool, started as its parent must: a standard-input pipe
 // that we keep open and never write to, pipes for its standard output and
-// error, read line by line in the event loop, no other descriptor, and a
-// process group of its own, which its GridFTP workers share. Its standard
-// error goes into our log and tells why the run ended.
+// error, read line by line, no other descriptor, and a process group of its
+// own, which its GridFTP workers share; and what ended it, and whether
+// starting it again can help.
 #pragma once
 
 #include <sys/types.h>
@@ -23,6 +17,10 @@
 
 namespace endpoint {
 
+// The tool ends every login with exit status 1 and says why only in free
+// text on standard error: its own lines and the ssh client's ("[ssh stderr]
+// ..."). The GridFTP workers' lines ("[ftp stderr] ...") never count: a
+// transfer's trouble says nothing about the connection.
 enum class FailureClass {
 #define CLASS(id, ...) id,
 #include "classes.def"
@@ -75,25 +73,18 @@ private:
 // A Long one, where hammering cannot help, is drawn as if kLongSkip failures
 // had come first. A connection that lasted as long as the longest delay
 // (MAX, a minute at most) starts from MIN again.
-
 class Backoff {
 public:
     static constexpr double kStableSeconds = 60;    // a connection this long resets, or MAX
     static constexpr double kLimitSeconds = 86400;  // largest MIN or MAX accepted
     static constexpr int kLongSkip = 5;             // a Long one starts at 32*MIN
 
-    Backoff(double min_seconds, double max_seconds) { limits(min_seconds, max_seconds); }
-    void limits(double min_seconds, double max_seconds) {
-        m_min = min_seconds;
-        m_max = max_seconds;
-    }
+    Backoff(double min_seconds, double max_seconds) : m_min(min_seconds), m_max(max_seconds) {}
 
     // The delay before the next attempt, for a random draw in [0, 1).
     double next(double random01, BackoffKind kind = BackoffKind::Normal) {
         int steps = m_failures++ + (kind == BackoffKind::Long ? kLongSkip : 0);
-        double high = 2 * m_min;
-        // Doubling step by step instead of a power: no overflow however long
-        // the relay stays away.
+        double high = 2 * m_min;  // doubled step by step: no overflow, however long
         for (int i = 0; i < steps && high < m_max; ++i) high *= 2;
         high = std::min(high, m_max);
         double low = std::max(m_min, high / 2);
@@ -105,10 +96,8 @@ public:
         if (seconds >= std::min(m_max, kStableSeconds)) m_failures = 0;
     }
 
-    int failures_in_a_row() const { return m_failures; }
-
 private:
-    double m_min = 1, m_max = 300;
+    double m_min, m_max;
     int m_failures = 0;
 };
 
