@@ -285,17 +285,17 @@ void ControlSocket::accept_one() {
     socklen_t length = sizeof peer;
     timeval second{1, 0};
     char command[64];
-    std::string reply;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+    ssize_t n = recv(fd, command, sizeof command, 0);  // also from a refused one, or it is reset
+    std::string reply = n > 0 ? std::string(command, static_cast<size_t>(n)) : "";
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != geteuid()) {
         reply = hvlib::str_sprintf(
             "1 refused: this relaytool-endpoint runs as user %u, and only that user may pause "
             "or resume it",
             geteuid());
-        fprintf(stderr, "relaytool-endpoint: refused a command from user %u (pid %d)\n", peer.uid,
-                peer.pid);
-    } else if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second) == 0) {
-        ssize_t n = recv(fd, command, sizeof command, 0);
-        reply = n > 0 ? m_handler(std::string(command, static_cast<size_t>(n))) : "1 no command";
+        note(hvlib::str_sprintf("refused a command from user %u (pid %d)", peer.uid, peer.pid));
+    } else {
+        reply = reply.empty() ? "1 no command" : m_handler(reply);
     }
     send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
     close(fd);

@@ -156,13 +156,16 @@ class Supervision(unittest.TestCase):
         self.assertEqual((kinds[0], kinds[-1], set(kinds[1:-1])), ("READY", "STOPPING", {"STATUS"}))
         self.assertIn("STATUS=idle", notify.messages)
 
-        # killed outright, it leaves a state that says idle: status knows better
+        # the history is kept across a restart; killed outright, the
+        # supervisor leaves a state that says idle: status knows better
+        ws.set_plan([dict(SERVING, stderr=[RECORD % (7, "RETR", 226)])])
         run = ws.start("run", env=env)
-        run.wait_state(lambda s: s["state"] == "idle" and s["pid"] == run.pid, "idle again")
+        run.wait_line("^transfer: sent .*, 7 bytes")
         run.kill()
         run.wait()
         rc, status = ws.status()
-        self.assertEqual((rc, status["state"], status["running"]), (3, "stopped", False))
+        self.assertEqual((rc, status["state"], status["running"], len(status["transfers"])),
+                         (3, "stopped", False, 100))
         self.assertIn("ended without recording why", status["reason"])
 
     def test_waits_for_what_is_not_there_yet(self):
@@ -244,6 +247,8 @@ class Stopping(unittest.TestCase):
         self.assertLess(events["worker ended its transfer"]["at"],
                         events["tool's input closed"]["at"])
         self.assertFalse(alive(ws.tool_runs()[0]["pid"]))
+        self.assertEqual(run.states()[-2:], ["stopping: on request (SIGTERM)",
+                                             "stopped: on request (SIGTERM)"])
 
     def test_a_second_signal_ends_at_once_also_the_workers_a_tool_left(self):
         # the first run leaves a worker that ignores SIGTERM and ends
