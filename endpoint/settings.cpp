@@ -158,7 +158,7 @@ std::string resolved(const std::string& path) {
         }
         size_t slash = head.rfind('/');
         if (slash == 0 || slash == std::string::npos) return path;
-        tail = head.substr(slash) + tail;
+        tail.insert(0, head, slash, std::string::npos);
         head.resize(slash);
     }
 }
@@ -408,10 +408,13 @@ bool trust_dir_ready(const std::string& dir, std::string& problem) {
         std::string name = entry.path().filename();
         if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
         ++certificates;
-        std::string policy = dir + "/" + name.substr(0, name.size() - 2) + ".signing_policy";
+        std::string policy = dir + "/";
+        policy.append(name, 0, name.size() - 2).append(".signing_policy");
         if (!hvlib::file_readable(policy)) {  // the server would say so only to the client
-            problem = "RELAYTOOL_TRUST_DIR: " + dir + "/" + name + " has no readable " + policy +
-                      " beside it, without which the GridFTP server refuses its certificates";
+            problem = hvlib::str_sprintf(
+                "RELAYTOOL_TRUST_DIR: %s/%s has no readable %s beside it, without which the "
+                "GridFTP server refuses its certificates",
+                dir.c_str(), name.c_str(), policy.c_str());
             return false;
         }
     }

@@ -199,7 +199,7 @@ bool TransferHistory::feed(const std::string& line) {
                   {"path", field(record, "FILE")},
                   {"bytes", bytes},
                   {"seconds", seconds},
-                  {"rate", seconds > 0 ? bytes / seconds : 0},
+                  {"rate", seconds > 0 ? static_cast<double>(bytes) / seconds : 0},
                   {"subject", m_subjects.count(pid) != 0 ? json(m_subjects[pid]) : json(nullptr)},
                   {"outcome", code == "226" ? "ok" : "failed (reply " + code + ")"}};
     fprintf(stderr, "transfer: %s\n", describe_transfer(entry).c_str());

@@ -154,10 +154,9 @@ int Tool::start(sd_event* loop, const std::string& path, const EnvMap& env, Line
         &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<std::string> entries;
-    for (const auto& [key, value] : env) entries.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (std::string& entry : entries) envp.push_back(&entry[0]);
-    envp.push_back(nullptr);
+    for (const auto& [key, value] : env) entries.emplace_back(key).append("=").append(value);
+    std::vector<char*> envp(entries.size() + 1, nullptr);
+    for (size_t i = 0; i < entries.size(); ++i) envp[i] = &entries[i][0];
     std::string argv0 = "relaytool";
     char* argv[] = {&argv0[0], nullptr};
 
