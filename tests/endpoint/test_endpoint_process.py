@@ -8,16 +8,20 @@ needed; the real-parts tests have the real thing."""
 import json
 import os
 import re
+import shutil
 import signal
+import socket
 import stat
 import subprocess
-import sys
+import tempfile
+import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
-
-from endpoint_harness import STANDIN_TOOL, NotifySocket, Workspace, alive, wait_until  # noqa: E402
-
+HERE = os.path.dirname(os.path.realpath(__file__))
+REPO = os.path.dirname(os.path.dirname(HERE))
+ENDPOINT = os.environ.get("RELAYTOOL_ENDPOINT_BIN",
+                          os.path.join(REPO, "build", "endpoint", "relaytool-endpoint"))
+WAIT = 30  # seconds, a limit for conditions: the machine is shared and noisy
 CONNECTED = ("RELAYTOOL=1 status=CONNECTED ep_display_name=Lab%20PC%20%232 "
              "web_ux_url=https%3A%2F%2Frelay.example%2Fep%3Fid%3D7\r")  # a line end of two bytes
 IDLE = "RELAYTOOL=1 status=IDLE"
@@ -30,23 +34,83 @@ RECORD = ("[ftp stderr] [4242] Wed May  1 12:00:02 2024 :: Transfer stats: DATE=
           "STRIPES=1 DEST=[127.0.0.1] TYPE=%s CODE=%d TASKID=none")
 
 
-class StandinWorkspace(Workspace):
-    """A workspace whose relaytool-endpoint runs standin_tool.py."""
+def wait_until(predicate, timeout=WAIT):
+    """The predicate's first true value, or its last false one."""
+    deadline = time.monotonic() + timeout
+    while not (value := predicate()) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    return value
+
+
+def alive(pid):
+    """Running and not a zombie."""
+    try:
+        with open("/proc/%d/stat" % pid) as f:
+            return f.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except (OSError, IndexError):
+        return False
+
+
+class Workspace:
+    """A home, an installation directory with the anonymous key and a
+    configuration directory in one temporary directory, and the plan of
+    standin_tool.py, which relaytool-endpoint runs as the tool; all removed,
+    with whatever still runs for it, at the end of the test."""
 
     def __init__(self, test, plan=()):
-        super().__init__(test)
-        self.plan_path = os.path.join(self.root, "plan.json")
+        self.root = tempfile.mkdtemp(prefix="relaytool-endpoint-")
+        test.addCleanup(shutil.rmtree, self.root, True)
+        test.addCleanup(self.kill_leftovers)
+        self.home, self.etc_dir, self.config_dir = (
+            os.path.join(self.root, name) for name in ("home", "etc", "config dir"))
+        for path in (self.home, self.etc_dir):
+            os.mkdir(path, 0o700)
+        shutil.copyfile(os.path.join(REPO, "tests", "keys", "anonymous.key"),
+                        os.path.join(self.etc_dir, "relay-anonymous.key"))
+        self.plan_path, self.runs = os.path.join(self.root, "plan.json"), []
         self.set_plan(plan)
 
     def set_plan(self, plan):
         with open(self.plan_path, "w") as f:
             json.dump(list(plan), f)
 
+    def path(self, name):
+        return os.path.join(self.config_dir, name)
+
     def env(self, **settings):
-        return super().env(**dict(dict(
-            RELAYTOOL_PATH=STANDIN_TOOL, STANDIN_PLAN=self.plan_path, RELAYTOOL_SHARED_DIRS=self.home,
-            HVN_RELAY_SERVER="127.0.0.1:9", HVN_PDEATH_PATH="/bin/true",
-            HVN_SSH_PATH="/bin/true"), **settings))
+        """A clean environment with what every test needs; None removes."""
+        env = dict(PATH="/usr/bin:/bin", HOME=self.home, LANG="C.UTF-8",
+                   RELAYTOOL_PATH=os.path.join(HERE, "standin_tool.py"),
+                   STANDIN_PLAN=self.plan_path, HVN_RELAY_SERVER="127.0.0.1:9",
+                   HVN_GRIDFTP_PATH="/bin/true", HVN_PDEATH_PATH="/bin/true",
+                   HVN_SSH_PATH="/bin/true", HVN_GLOBAL_ETC_DIR=self.etc_dir,
+                   HVN_CONFIG_DIR=self.config_dir, RELAYTOOL_SHARED_DIRS=self.home,
+                   RELAYTOOL_BACKOFF_MIN="0.05", RELAYTOOL_BACKOFF_MAX="0.4",
+                   DBUS_SYSTEM_BUS_ADDRESS="unix:path=%s/no-bus" % self.root)
+        env.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
+        env.update(settings)
+        return {k: v for k, v in env.items() if v is not None}
+
+    def command(self, *args, env=None, input="", prefix=()):
+        """Runs relaytool-endpoint to its end: (status, stdout, stderr)."""
+        p = subprocess.run(list(prefix) + [ENDPOINT] + list(args), env=env or self.env(),
+                           input=input, capture_output=True, text=True, timeout=WAIT)
+        return p.returncode, p.stdout, p.stderr
+
+    def status(self):
+        """`status --json`: (exit status, the object)."""
+        rc, out, err = self.command("status", "--json")
+        if out.count("\n") != 1:
+            raise AssertionError("status --json printed %r, stderr %r" % (out, err))
+        return rc, json.loads(out)
+
+    def state(self):
+        """The state file, or {} while there is none."""
+        try:
+            with open(self.path("endpoint-state.json")) as f:
+                return json.load(f)
+        except FileNotFoundError:
+            return {}
 
     def lines(self, suffix):
         try:
@@ -61,12 +125,93 @@ class StandinWorkspace(Workspace):
     def events(self):
         return {e["what"]: e for e in self.lines(".events")}
 
+    def start(self, *args, env=None, **popen):
+        """relaytool-endpoint in the background."""
+        self.runs.append(Run(self, list(args), env or self.env(), **popen))
+        return self.runs[-1]
+
+    def kill_leftovers(self):
+        for run in self.runs:
+            if run.poll() is None:
+                run.kill()
+                run.wait()
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:  # the tool and its workers have this plan in their environment
+                with open("/proc/%s/environ" % pid, "rb") as f:
+                    if self.plan_path.encode() in f.read():
+                        os.kill(int(pid), signal.SIGKILL)
+            except OSError:
+                pass
+
+
+class Run(subprocess.Popen):
+    """relaytool-endpoint running in the background, its output in files."""
+
+    def __init__(self, ws, args, env, **popen):
+        self.ws = ws
+        self.files = [os.path.join(ws.root, "run%d.%s" % (len(ws.runs), s)) for s in "oe"]
+        with open(self.files[0], "wb") as o, open(self.files[1], "wb") as e:
+            super().__init__([ENDPOINT] + args, env=env, stdin=subprocess.DEVNULL, stdout=o,
+                             stderr=e, **popen)
+
+    def text(self):
+        with open(self.files[1], "rb") as f:
+            return f.read().decode("utf-8", "replace")
+
+    def states(self):
+        """The "state: ..." lines so far, without the prefix."""
+        return [l[7:] for l in self.text().splitlines() if l.startswith("state: ")]
+
+    def report(self):
+        return "--- stderr:\n%s--- state file:\n%s" % (self.text(), self.ws.state())
+
+    def wait_state(self, predicate, what):
+        """Waits until the state file satisfies the predicate; the state."""
+        state = wait_until(lambda: (lambda s: s if s and predicate(s) else None)(self.ws.state()))
+        if not state:
+            raise AssertionError("no state with %s\n%s" % (what, self.report()))
+        return state
+
+    def wait_line(self, pattern):
+        m = wait_until(lambda: re.search(pattern, self.text(), re.M))
+        if not m:
+            raise AssertionError("no stderr line matching %r\n%s" % (pattern, self.report()))
+        return m
+
+    def wait_exit(self, timeout=WAIT):
+        try:
+            return self.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError("still running\n" + self.report())
+
+
+class NotifySocket:
+    """Stands in for the service manager's socket: what relaytool-endpoint
+    sends to NOTIFY_SOCKET, as READY / STOPPING / WATCHDOG / STATUS."""
+
+    def __init__(self, test, directory):
+        self.path = os.path.join(directory, "notify.sock")
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(self.path)
+        self.sock.setblocking(False)
+        test.addCleanup(self.sock.close)
+        self.messages = []
+
+    def kinds(self):
+        while True:
+            try:
+                self.messages.append(self.sock.recv(65536).decode())
+            except BlockingIOError:
+                break
+        return [next((k for k in ("READY", "STOPPING", "WATCHDOG") if k + "=1" in m), "STATUS")
+                for m in self.messages]
+
 
 class BadInput(unittest.TestCase):
     """Each fault gets one clear line and status 2 before any tool starts."""
 
     def test_command_line_and_settings(self):
-        ws = StandinWorkspace(self)
+        ws = Workspace(self)
         for args, words in ((["start"], "unknown command 'start'"), ([], "no command"),
                             (["setup", "CODE-1"], "setup reads the code from standard input"),
                             (["run", "now"], "too many arguments"),
@@ -92,7 +237,7 @@ class Supervision(unittest.TestCase):
 
     def test_tool_setting_descriptors_state_history_lock_and_stop(self):
         records = [RECORD % (n, "STOR", 226) for n in range(101)] + [RECORD % (2000, "RETR", 426)]
-        ws = StandinWorkspace(self, [dict(SERVING, stderr=[
+        ws = Workspace(self, [dict(SERVING, stderr=[
             "[ftp stderr] [4242] Wed May  1 12:00:00 2024 :: DN %s successfully authorized." %
             SUBJECT] + records)])
         rc, status = ws.status()  # nothing has run here yet
@@ -172,7 +317,7 @@ class Supervision(unittest.TestCase):
         # At boot: the GridFTP server not yet installed, then the shared
         # directory, then the relay authority's trust directory; the
         # server's configuration is written once all is there.
-        ws = StandinWorkspace(self, [SERVING])
+        ws = Workspace(self, [SERVING])
         server, shared, trust = (os.path.join(ws.root, n) for n in ("server", "shared", "trust"))
         run = ws.start("run", env=ws.env(HVN_GRIDFTP_PATH=server, RELAYTOOL_SHARED_DIRS=shared,
                                          RELAYTOOL_TRUST_DIR=trust))
@@ -201,7 +346,7 @@ class Supervision(unittest.TestCase):
     def test_a_connection_that_lasted_resets_the_back_off(self):
         # three failures in a row put the delay at 0.2 s or more; after a
         # connection that lasted longer than the longest delay, at the least
-        ws = StandinWorkspace(self, [{}, {}, {}, {"stdout": [CONNECTED, IDLE], "then": 1.5},
+        ws = Workspace(self, [{}, {}, {}, {"stdout": [CONNECTED, IDLE], "then": 1.5},
                                      SERVING])
         run = ws.start("run")
         run.wait_state(lambda s: s["state"] == "idle" and s["restarts"] == 4, "idle at last")
@@ -212,7 +357,7 @@ class Supervision(unittest.TestCase):
         self.assertLessEqual(float(delays[3][1]), 0.1, delays)
 
     def test_setup_reads_the_code_from_standard_input(self):
-        ws = StandinWorkspace(self, [{"stderr": ["HVN V2 setup complete"], "exit": 0},
+        ws = Workspace(self, [{"stderr": ["HVN V2 setup complete"], "exit": 0},
                                      {"stderr": ["Relay server error: setup code already used"]}])
         # the default configuration directory is made, private
         xdg = os.path.join(ws.root, "xdg")
@@ -236,7 +381,7 @@ class Stopping(unittest.TestCase):
     way; then whatever is left, by force."""
 
     def test_workers_get_their_grace_and_a_tool_that_stays_is_killed(self):
-        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "slow",
+        ws = Workspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "slow",
                                       "then": "linger"}])
         run = ws.start("run")
         run.wait_state(lambda s: s["state"] == "active", "active")
@@ -252,7 +397,7 @@ class Stopping(unittest.TestCase):
 
     def test_a_second_signal_ends_at_once_also_the_workers_a_tool_left(self):
         # the first run leaves a worker that ignores SIGTERM and ends
-        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "stubborn"},
+        ws = Workspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "stubborn"},
                                      SERVING])
         run = ws.start("run")
         run.wait_state(lambda s: s["state"] == "idle" and s["restarts"] == 1, "idle again")
@@ -267,7 +412,7 @@ class Stopping(unittest.TestCase):
 class PauseAndResume(unittest.TestCase):
 
     def test_pause_waits_for_transfers_stays_across_a_restart_and_resumes(self):
-        ws = StandinWorkspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "brief",
+        ws = Workspace(self, [{"stdout": [CONNECTED, IDLE], "worker": "brief",
                                       "then": "wait"}, SERVING])
         self.assertEqual(ws.command("pause")[0], 3)  # nothing runs
         run = ws.start("run")

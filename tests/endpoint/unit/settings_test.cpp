@@ -73,23 +73,6 @@ TEST(Settings, SharedDirectoriesAreAbsoluteAndMayBeReadOnly) {
                                      {"RELAYTOOL_TRUST_DIR", "/t/"}}));
     EXPECT_EQ(s.shared, (std::vector<Share>{{"/srv/a", false}, {"/home/b", true}, {"/c", true}}));
     EXPECT_EQ(s.trust_dir, "/t");
-    for (const char* shared : {"ro", "/a:ro:ro", "/srv:data", "/srv/a,b", "/srv/$HOME", ":"}) {
-        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_SHARED_DIRS", shared}})), "RELAYTOOL_SHARED_DIRS")
-            << shared;
-    }
-}
-
-TEST(Settings, WhatIsOursStaysAway) {
-    const char* ours[] = {"NOTIFY_SOCKET",  "HVN_SETUP_CODE", "HVN_RELAYTOOL_TEST",   "HVN_DEBUG",
-                          "RELAYTOOL_PATH", "WATCHDOG_USEC",  "RELAYTOOL_BACKOFF_MIN"};
-    EnvMap env = minimal({{"HVN_RELAY_SERVER", " relay.example:2224 "}});
-    for (const char* key : ours) env[key] = "1";
-    Settings s = resolve_ok(env);
-    for (const char* key : ours) EXPECT_EQ(s.tool_env.count(key), 0u) << key;
-    EXPECT_EQ(s.tool_path + " " + s.relay_port, "1 2224");
-    std::string entries[] = {"HVN_USER=bob", "HVN_OS=", "PATH=/bin"};
-    char* envp[] = {&entries[0][0], &entries[1][0], &entries[2][0], nullptr};
-    EXPECT_EQ(endpoint::environment(envp), (EnvMap{{"HVN_USER", "bob"}, {"PATH", "/bin"}}));
 }
 
 TEST(Settings, MissingOrMalformedValuesAreNamed) {
