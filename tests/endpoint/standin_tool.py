@@ -1,23 +1,13 @@
 #!/usr/bin/python3
-"""Stand-in for the relay tool, for tests of relaytool-endpoint that need no
-relay.  STANDIN_PLAN names a JSON file with a list of runs; run n of the tool
-follows entry n (the last entry repeats).  An entry may hold:
-
-    stdout, stderr   lines to write first (with HVN_FTP_PORT -1, the tool's
-                     paused mode, "status=IDLE" reads "status=PAUSED")
-    worker           start a GridFTP worker (a child with a socket as its
-                     standard input): "slow" takes a second after SIGTERM,
-                     "stubborn" ignores it, "brief" ends by itself after three
-                     seconds; the tool says ACTIVE, and IDLE once it ended
-    then             "wait": run until standard input closes, then exit 1
-                     as the tool does; "linger": ignore that and SIGTERM;
-                     a number: seconds to sleep; otherwise end at once
-    exit             the exit status (default 1)
-
-Each run appends one JSON line to STANDIN_PLAN + ".runs": its pid, process
-group, environment, open descriptors and what descriptor 0 is; a worker or a
-lingering tool records what it did in STANDIN_PLAN + ".events".
-"""
+"""Stand-in for the relay tool.  Run n follows entry n of the JSON list in
+STANDIN_PLAN (the last repeats): "stdout"/"stderr" lines to write (with
+HVN_FTP_PORT -1, the paused mode, IDLE reads PAUSED); a "worker" to start, a
+child with a socket as standard input that takes a second after SIGTERM
+("slow"), ignores it ("stubborn") or ends after three seconds ("brief"), the
+tool saying ACTIVE and then IDLE; "then": "wait" until standard input
+closes, "linger" past that and SIGTERM, or sleep a number of seconds; and
+the "exit" status (default 1).  Each run appends its pid, process group,
+environment and descriptors to STANDIN_PLAN.runs, and events to .events."""
 
 import json
 import os
