@@ -275,7 +275,7 @@ class Supervision(unittest.TestCase):
         # supervisor leaves a state that says idle: status knows better
         ws.set_plan([dict(SERVING, stderr=[RECORD % (7, "RETR", 226)])])
         run = ws.start("run", env=env)
-        run.wait_line("^transfer: sent .*, 7 bytes")
+        self.assertTrue(wait_until(lambda: ws.status()[1]["transfers"][-1]["bytes"] == 7))
         run.kill()
         run.wait()
         rc, status = ws.status()
@@ -306,7 +306,7 @@ class Supervision(unittest.TestCase):
         open(os.path.join(trust, "abcd1234.signing_policy"), "w").close()
         run.wait_state(lambda s: s["state"] == "idle", "idle")
         with open(ws.path("gridftp.conf")) as f:
-            self.assertIn('restrict_paths "%s"' % shared, f.read())
+            self.assertRegex(f.read(), '\nrestrict_paths "%s"\n' % shared)
 
     def test_a_connection_that_lasted_resets_the_back_off(self):
         # three failures in a row put the delay at 0.2 s or more; after a

@@ -118,7 +118,7 @@ protected:
     void TearDown() override { std::filesystem::remove_all(root); }
     std::string restricted() {
         std::string text = endpoint::gridftp_conf_text(s);
-        size_t start = text.find("restrict_paths \"") + 16;
+        size_t start = text.find("\nrestrict_paths \"") + 17;  // a line of its own
         return text.substr(start, text.find('"', start) - start);
     }
     std::string root;
