@@ -5,17 +5,18 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <utility>
 
-#include "backoff.h"
 #include "build_info.h"
 #include "diag.h"
 #include "file.h"
-#include "gridftp_conf.h"
 #include "strutil.h"
+#include "tool.h"
 
 namespace endpoint {
 
@@ -25,22 +26,10 @@ namespace {
 // variables would make the tool's children talk to the service manager, the
 // mode switches would turn a login into a setup or a self-check, and the
 // tool's debug output holds its private keys (only --debug passes it on).
-const char* const kNotForTheTool[] = {
-    "NOTIFY_SOCKET",
-    "WATCHDOG_PID",
-    "WATCHDOG_USEC",
-    "LISTEN_PID",
-    "LISTEN_FDS",
-    "LISTEN_FDNAMES",
-    "HVN_SETUP_CODE",
-    "HVN_RELAYTOOL_TEST",
-    "HVN_DEBUG",
-    "RELAYTOOL_PATH",
-    "RELAYTOOL_BACKOFF_MIN",
-    "RELAYTOOL_BACKOFF_MAX",
-    "RELAYTOOL_SHARED_DIRS",
-    "RELAYTOOL_TRUST_DIR",
-};
+const char kNotForTheTool[] =
+    "NOTIFY_SOCKET WATCHDOG_PID WATCHDOG_USEC LISTEN_PID LISTEN_FDS LISTEN_FDNAMES HVN_SETUP_CODE "
+    "HVN_RELAYTOOL_TEST HVN_DEBUG RELAYTOOL_PATH RELAYTOOL_BACKOFF_MIN RELAYTOOL_BACKOFF_MAX "
+    "RELAYTOOL_SHARED_DIRS RELAYTOOL_TRUST_DIR";
 
 // The GridFTP server's configuration quotes values and has no escapes, and
 // restrict_paths is a comma-separated list in which "$" starts a variable.
@@ -61,15 +50,6 @@ std::string absolute(const std::string& path, const SystemFacts& facts) {
     std::string result = !path.empty() && path[0] == '/' ? path : facts.cwd + "/" + path;
     while (result.size() > 1 && result.back() == '/') result.pop_back();
     return result;
-}
-
-std::string config_home(const EnvMap& env, const SystemFacts& facts) {
-    // XDG base directories must be absolute; a relative XDG_CONFIG_HOME is ignored.
-    std::string xdg = value_of(env, "XDG_CONFIG_HOME");
-    if (!xdg.empty() && xdg[0] == '/') return xdg;
-    std::string home = value_of(env, "HOME");
-    if (home.empty()) home = facts.home;
-    return home.empty() ? "" : home + "/.config";
 }
 
 bool parse_port(const std::string& text, int low, int& port) {
@@ -99,81 +79,20 @@ bool program_ready(const char* name, const std::string& path, std::string& probl
 }
 
 bool shared_dirs_ready(const Settings& settings, std::string& problem) {
-    for (const std::string& dir : settings.shared_dirs) {
+    for (const Share& share : settings.shared) {
         struct stat st {};
-        if (stat(dir.c_str(), &st) != 0) {
-            return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
-                                "cannot share " + dir + ": " + hvlib::get_strerror_string(errno));
+        if (stat(share.dir.c_str(), &st) != 0) {
+            return problem_with(
+                problem, "RELAYTOOL_SHARED_DIRS",
+                "cannot share " + share.dir + ": " + hvlib::get_strerror_string(errno));
         }
         if (!S_ISDIR(st.st_mode)) {
-            return problem_with(problem, "RELAYTOOL_SHARED_DIRS", dir + " is not a directory");
+            return problem_with(problem, "RELAYTOOL_SHARED_DIRS",
+                                share.dir + " is not a directory");
         }
     }
     return true;
 }
-
-// mkdir -p with mode 0700 for every directory it creates.
-int make_private_dirs(const std::string& path) {
-    struct stat st {};
-    if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
-    size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0) {
-        if (int err = make_private_dirs(path.substr(0, slash)); err != 0) return err;
-    }
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return errno;
-    return 0;
-}
-
-}  // namespace
-
-SystemFacts system_facts() {
-    SystemFacts facts;
-    struct utsname names {};
-    if (uname(&names) == 0) {
-        facts.os = names.sysname;
-        facts.os_version = names.release;
-    }
-    // os-release is written in the same KEY=VALUE form as an environment file.
-    for (const char* path : {"/usr/lib/os-release", "/etc/os-release"}) {  // the latter wins
-        std::string text;
-        Assignments fields;
-        EnvFileError error;
-        if (hvlib::try_read_file_contents(path, text) != 0 || !parse_env_file(text, fields, error))
-            continue;
-        for (const auto& [key, value] : fields) {
-            if (key == "PRETTY_NAME" && !value.empty()) facts.os_version = value;
-        }
-    }
-    if (const struct passwd* pw = getpwuid(geteuid())) {
-        facts.user = pw->pw_name;
-        facts.home = pw->pw_dir;
-    }
-    if (char* cwd = getcwd(nullptr, 0)) {
-        facts.cwd = cwd;
-        free(cwd);
-    }
-    return facts;
-}
-
-EnvMap environment_over_file(char** envp, const Assignments& file) {
-    EnvMap env;
-    for (const auto& [key, value] : file) env[key] = value;  // a later line wins
-    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
-        std::string text = *entry;
-        size_t eq = text.find('=');
-        if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) continue;
-        env[text.substr(0, eq)] = text.substr(eq + 1);
-    }
-    for (auto it = env.begin(); it != env.end();) it = it->second.empty() ? env.erase(it) : ++it;
-    return env;
-}
-
-std::string default_env_file(const EnvMap& env, const SystemFacts& facts) {
-    return config_home(env, facts).empty() ? ""
-                                           : config_home(env, facts) + "/relaytool/endpoint.env";
-}
-
-namespace {
 
 // A path that the GridFTP server's configuration is to hold: absolute, and
 // without the characters `forbidden` there.
@@ -189,32 +108,153 @@ bool server_path(const char* name, const std::string& path, const char* forbidde
                             "list also a comma or $)");
 }
 
-// What the GridFTP server shares (the home by default) and the authority it
-// trusts (the installed one by default; a build without one trusts none).
-bool resolve_server_settings(const EnvMap& env, const SystemFacts& facts, Settings& out,
-                             std::string& problem) {
+// What the GridFTP server shares ("DIR" or "DIR:ro" separated by ':', the
+// home by default), and the authority it trusts (the installed one, if any).
+bool resolve_server_settings(const EnvMap& env, Settings& out, std::string& problem) {
     const char* name = "RELAYTOOL_SHARED_DIRS";
     std::string shared = value_of(env, name);
-    if (shared.empty()) shared = value_of(env, "HOME");
-    if (shared.empty()) shared = facts.home;
-    for (const std::string& dir : hvlib::split(shared, ":", -1)) {
-        if (dir.empty()) continue;
-        if (!server_path(name, dir, kInexpressibleShared, problem)) return false;
-        out.shared_dirs.push_back(absolute(dir, facts));
+    if (shared.empty()) shared = out.home;
+    for (const std::string& entry : hvlib::split(shared, ":", -1)) {
+        if (entry == "ro" && (out.shared.empty() || out.shared.back().read_only)) {
+            return problem_with(problem, name, "'ro' follows no directory");
+        }
+        if (entry == "ro") {
+            out.shared.back().read_only = true;
+        } else if (!entry.empty()) {
+            if (!server_path(name, entry, kInexpressibleShared, problem)) return false;
+            out.shared.push_back({absolute(entry, {}), false});
+        }
     }
-    if (out.shared_dirs.empty()) return problem_with(problem, name, "names no directory");
+    if (out.shared.empty()) return problem_with(problem, name, "names no directory");
     out.trust_dir = value_of(env, "RELAYTOOL_TRUST_DIR");
     if (out.trust_dir.empty()) out.trust_dir = RELAYTOOL_DEFAULT_TRUST_DIR;
     if ((!out.trust_dir.empty() &&
          !server_path("RELAYTOOL_TRUST_DIR", out.trust_dir, kInexpressible, problem)) ||
-        !server_path("HVN_CONFIG_DIR", out.config_dir, kInexpressible, problem)) {
+        !server_path("HVN_CONFIG_DIR", out.config_dir, kInexpressibleShared, problem) ||
+        (!out.home.empty() && !server_path("HOME", out.home, kInexpressibleShared, problem))) {
         return false;
     }
-    if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, facts);
+    if (!out.trust_dir.empty()) out.trust_dir = absolute(out.trust_dir, {});
     return true;
 }
 
+// Never served unless named as a shared directory themselves: besides the
+// configuration directory, where the user's keys live.
+const char* const kPrivateStores[] = {
+    ".ssh", ".gnupg", ".globus", ".pki", ".local/share/keyrings", ".password-store",
+};
+
+std::string quoted(const std::string& value) { return "\"" + value + "\""; }
+
+// The path with symbolic links resolved as far as it exists: the server
+// resolves what a client asks for, but a restriction only if it exists.
+std::string resolved(const std::string& path) {
+    std::string head = path, tail;
+    for (;;) {
+        if (char* real = realpath(head.c_str(), nullptr)) {
+            std::string result = real;
+            free(real);
+            return result == "/" ? tail : result + tail;
+        }
+        size_t slash = head.rfind('/');
+        if (slash == 0 || slash == std::string::npos) return path;
+        tail.insert(0, head, slash, std::string::npos);
+        head.resize(slash);
+    }
+}
+
+bool inside(const std::string& path, const std::string& dir) {
+    return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+           (dir == "/" || path[dir.size()] == '/');
+}
+
+// restrict_paths: each share (R: read-only), "N" (no access) for each private
+// store inside one, and read-only the directories between a writable share
+// and a store, or a client could rename one and find the store renamed.
+std::string restricted_paths(const Settings& settings) {
+    std::vector<std::pair<std::string, bool>> shares;  // resolved, writable
+    std::vector<std::string> entries;
+    auto add = [&entries](const std::string& entry) {
+        if (std::find(entries.begin(), entries.end(), entry) == entries.end()) {
+            entries.push_back(entry);
+        }
+    };
+    for (const Share& share : settings.shared) {
+        shares.emplace_back(resolved(share.dir), !share.read_only);
+        add((share.read_only ? "R" : "") + share.dir);
+    }
+    std::vector<std::string> stores = {settings.config_dir};
+    for (const char* store : kPrivateStores) {
+        if (!settings.home.empty()) stores.push_back(settings.home + "/" + store);
+    }
+    for (const std::string& store : stores) {
+        std::string path = resolved(store);
+        auto is_share = [&](const std::string& p) {
+            return std::any_of(shares.begin(), shares.end(), [&](auto& s) { return s.first == p; });
+        };
+        bool served = std::any_of(shares.begin(), shares.end(),
+                                  [&](auto& share) { return inside(path, share.first); });
+        if (is_share(path) || !served) continue;
+        for (size_t slash = path.find('/', 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            std::string above = path.substr(0, slash);
+            bool writable = std::any_of(shares.begin(), shares.end(), [&](auto& share) {
+                return share.second && inside(above, share.first);
+            });
+            if (writable && !is_share(above)) add("R" + above);
+        }
+        add("N" + path);
+    }
+    std::string text;
+    for (const std::string& entry : entries) text += (text.empty() ? "" : ",") + entry;
+    return text;
+}
+
 }  // namespace
+
+SystemFacts system_facts() {
+    SystemFacts facts;
+    struct utsname names {};
+    if (uname(&names) == 0) {
+        facts.os = names.sysname;
+        facts.os_version = names.release;
+    }
+    // PRETTY_NAME="Debian GNU/Linux 12 (bookworm)": the one value we need.
+    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {  // the first found
+        std::string text;
+        if (hvlib::try_read_file_contents(path, text) != 0) continue;
+        for (const std::string& line : hvlib::split(text, "\n", -1)) {
+            if (line.rfind("PRETTY_NAME=", 0) != 0) continue;
+            std::string value = hvlib::strip(line.substr(12));
+            if (value.size() >= 2 && (value[0] == '"' || value[0] == '\'')) {
+                value = value.substr(1, value.size() - 2);
+            }
+            if (!value.empty()) facts.os_version = value;
+        }
+        break;
+    }
+    if (const struct passwd* pw = getpwuid(geteuid())) {
+        facts.user = pw->pw_name;
+        facts.home = pw->pw_dir;
+    }
+    if (char* cwd = getcwd(nullptr, 0)) {
+        facts.cwd = cwd;
+        free(cwd);
+    }
+    return facts;
+}
+
+EnvMap environment(char** envp) {
+    EnvMap env;
+    for (char** entry = envp; entry != nullptr && *entry != nullptr; ++entry) {
+        std::string text = *entry;
+        size_t eq = text.find('=');
+        if (eq != std::string::npos && eq != 0 && eq + 1 != text.size()) {
+            env[text.substr(0, eq)] = text.substr(eq + 1);
+        }
+    }
+    return env;
+}
 
 bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& facts, Settings& out,
                       std::string& problem) {
@@ -223,16 +263,21 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         return tool.emplace(name, fallback).first->second;
     };
 
-    std::string home = config_home(env, facts);
-    if (value_of(env, "HVN_CONFIG_DIR").empty() && home.empty()) {
+    out.home = value_of(env, "HOME");
+    if (out.home.empty()) out.home = facts.home;
+    // XDG base directories must be absolute; a relative XDG_CONFIG_HOME is ignored.
+    std::string config_home = value_of(env, "XDG_CONFIG_HOME");
+    if (config_home.empty() || config_home[0] != '/') {
+        config_home = out.home.empty() ? "" : out.home + "/.config";
+    }
+    if (value_of(env, "HVN_CONFIG_DIR").empty() && config_home.empty()) {
         return problem_with(problem, "HVN_CONFIG_DIR",
                             "not set, and no home directory to put it in");
     }
-    out.config_dir = absolute(fill("HVN_CONFIG_DIR", home + "/relaytool"), facts);
+    out.config_dir = absolute(fill("HVN_CONFIG_DIR", config_home + "/relaytool"), facts);
     tool["HVN_CONFIG_DIR"] = out.config_dir;
-    if (command == Command::Status) return true;
+    if (command != Command::Run && command != Command::Setup) return true;
 
-    // First, so that they are known even while other settings are not yet.
     const std::pair<const char*, double*> bounds[] = {
         {"RELAYTOOL_BACKOFF_MIN", &out.backoff_min},
         {"RELAYTOOL_BACKOFF_MAX", &out.backoff_max},
@@ -249,8 +294,7 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
         return problem_with(problem, "RELAYTOOL_BACKOFF_MIN", "larger than RELAYTOOL_BACKOFF_MAX");
     }
 
-    // The tool's own reading of the address, checked here so that a value
-    // it cannot use stops us before the first start rather than after it.
+    // The tool's own reading of the address: a value it cannot use stops us now.
     std::string relay = value_of(env, "HVN_RELAY_SERVER");
     hvlib::StringList parts = hvlib::split_relay_server(relay);
     int port = 0;
@@ -289,45 +333,11 @@ bool resolve_settings(const EnvMap& env, Command command, const SystemFacts& fac
             return problem_with(problem, "HVN_FTP_PORT",
                                 "'" + ftp + "' is not -1 (paused), 0 (own listener) or a port");
         }
-        if (!resolve_server_settings(env, facts, out, problem)) return false;
+        if (!resolve_server_settings(env, out, problem)) return false;
     }
-    for (const char* name : kNotForTheTool) tool.erase(name);
+    for (const std::string& name : hvlib::split(kNotForTheTool, " ", -1)) tool.erase(name);
     out.tool_env = tool;
     return true;
-}
-
-Load load_settings(const std::string& env_file, Command command, char** envp, Settings& out,
-                   std::string& problem) {
-    SystemFacts facts = system_facts();
-    std::string path =
-        env_file.empty() ? default_env_file(environment_over_file(envp, {}), facts) : env_file;
-    std::string text;
-    Assignments file;
-    EnvFileError fault;
-    if (int err = path.empty() ? ENOENT : hvlib::try_read_file_contents(path, text); err != 0) {
-        if (!env_file.empty() || err != ENOENT) {  // the default file is optional
-            problem = hvlib::str_sprintf("cannot read the environment file %s: %s", path.c_str(),
-                                         hvlib::get_strerror_string(err).c_str());
-            std::string ignored;  // what the environment alone gives meanwhile: the back-off
-            resolve_settings(environment_over_file(envp, {}), command, facts, out, ignored);
-            return Load::NotReady;
-        }
-    } else if (!parse_env_file(text, file, fault)) {
-        problem = hvlib::str_sprintf("%s:%d: %s", path.c_str(), fault.line, fault.message.c_str());
-        return Load::Malformed;
-    }
-    EnvMap env = environment_over_file(envp, file);
-    return resolve_settings(env, command, facts, out, problem) ? Load::Ready : Load::Malformed;
-}
-
-bool config_dir_ready(const Settings& settings, std::string& problem) {
-    const std::string& dir = settings.config_dir;
-    int err = make_private_dirs(dir);
-    if (err == 0 && access(dir.c_str(), W_OK | X_OK) != 0) err = errno;
-    if (err == 0) return true;
-    return problem_with(problem, "HVN_CONFIG_DIR",
-                        hvlib::str_sprintf("cannot use %s: %s", dir.c_str(),
-                                           hvlib::get_strerror_string(err).c_str()));
 }
 
 bool paths_ready(const Settings& settings, Command command, std::string& problem) {
@@ -343,6 +353,77 @@ bool paths_ready(const Settings& settings, Command command, std::string& problem
             problem_with(problem, "HVN_GLOBAL_ETC_DIR", "cannot read " + key)) &&
            (!run || shared_dirs_ready(settings, problem)) &&
            (!run || settings.trust_dir.empty() || trust_dir_ready(settings.trust_dir, problem));
+}
+
+const char* const kGeneratedMarker =
+    "# Written by relaytool-endpoint, which rewrites this file at each run while this line is "
+    "first.";
+
+std::string gridftp_conf_text(const Settings& settings) {
+    const std::string& dir = settings.config_dir;
+    std::string text =
+        std::string(kGeneratedMarker) +
+        "\n"
+        "# To keep a file of your own here, remove that line; to get the generated\n"
+        "# one back, remove or rename yours. Setup wrote the certificate, key and map.\n"
+        "$X509_USER_CERT " +
+        quoted(dir + "/ftp-cert2.pem") + "\n$X509_USER_KEY " + quoted(dir + "/ftp-key2.pem") +
+        "\n$GRIDMAP " + quoted(dir + "/gridmap") + "\n";
+    if (settings.trust_dir.empty()) {
+        text +=
+            "# No relay authority is trusted: the build has none and RELAYTOOL_TRUST_DIR\n"
+            "# is not set, so the server looks only in its own places.\n";
+    } else {
+        text += "# The authority it trusts to verify clients: the relay's.\n$X509_CERT_DIR " +
+                quoted(settings.trust_dir) + "\n";
+    }
+    return text +
+           "# What it serves (R: read only), never (N) the private stores inside.\n"
+           "restrict_paths " +
+           quoted(restricted_paths(settings)) + "\nhome_dir " +
+           quoted(settings.shared.front().dir) +
+           "\n"
+           "# The log goes to the endpoint's, with each transfer and the control channel.\n"
+           "log_single /dev/stderr\n"
+           "log_module stdio:buffer=0\n"
+           "log_level ERROR,WARN,INFO,TRANSFER,DUMP\n";
+}
+
+int write_gridftp_conf(const Settings& settings, ConfOutcome& outcome) {
+    std::string path = settings.config_dir + "/gridftp.conf";
+    std::string existing;
+    int err = hvlib::try_read_file_contents(path, existing);
+    if (err != 0 && err != ENOENT) return err;
+    outcome = ConfOutcome::Operators;
+    if (err == 0 && existing.rfind(std::string(kGeneratedMarker) + "\n", 0) != 0) return 0;
+    std::string text = gridftp_conf_text(settings);
+    outcome = err == 0 && existing == text ? ConfOutcome::Unchanged : ConfOutcome::Written;
+    return outcome == ConfOutcome::Written ? hvlib::replace_file_atomically(path, text) : 0;
+}
+
+bool trust_dir_ready(const std::string& dir, std::string& problem) {
+    std::error_code failed;
+    int certificates = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, failed)) {
+        std::string name = entry.path().filename();
+        if (name.size() < 3 || name.compare(name.size() - 2, 2, ".0") != 0) continue;
+        ++certificates;
+        std::string policy = dir + "/";
+        policy.append(name, 0, name.size() - 2).append(".signing_policy");
+        if (!hvlib::file_readable(policy)) {  // the server would say so only to the client
+            problem = hvlib::str_sprintf(
+                "RELAYTOOL_TRUST_DIR: %s/%s has no readable %s beside it, without which the "
+                "GridFTP server refuses its certificates",
+                dir.c_str(), name.c_str(), policy.c_str());
+            return false;
+        }
+    }
+    if (failed) problem = "RELAYTOOL_TRUST_DIR: cannot read " + dir + ": " + failed.message();
+    if (!failed && certificates == 0) {
+        problem =
+            "RELAYTOOL_TRUST_DIR: " + dir + " holds no certificate under a hashed name (<hash>.0)";
+    }
+    return certificates > 0;
 }
 
 }  // namespace endpoint

@@ -4,24 +4,18 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <random>
 #include <vector>
 
-#include "backoff.h"
-#include "classify.h"
-#include "cli.h"
 #include "diag.h"
-#include "gridftp_conf.h"
+#include "file.h"
 #include "keyvalues.h"
-#include "lock.h"
 #include "loop.h"
+#include "settings.h"
 #include "state.h"
 #include "strutil.h"
 #include "tool.h"
-#include "watch.h"
 
 namespace endpoint {
 
@@ -35,11 +29,13 @@ long long now_ms() {
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-void note(const std::string& text) { fprintf(stderr, "relaytool-endpoint: %s\n", text.c_str()); }
-
 class Supervisor {
 public:
-    Supervisor(const CommandLine& cli, char** envp) : m_cli(cli), m_envp(envp) {
+    Supervisor(const CommandLine& cli, const Settings& settings)
+        : m_settings(settings),
+          m_route(settings.relay_host, settings.relay_port),
+          m_backoff(settings.backoff_min, settings.backoff_max) {
+        if (cli.debug) m_settings.tool_env["HVN_DEBUG"] = "1";
         m_state.pid = getpid();
     }
 
@@ -49,58 +45,40 @@ public:
             note("cannot set up the event loop: " + hvlib::get_strerror_string(err));
             return 1;
         }
-        Load settings = load();
-        if (settings == Load::Malformed) return 2;
         // The workers that outlive a tool become ours, to end and to reap.
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         std::string why;
         if (!m_network.open(
-                m_loop.event(), [this] { network_changed(); }, why)) {
+                m_loop.event(), [this] { network_changed(); }, why))
             note(why + "; address and route changes are not followed");
-        }
         auto slept = [this](bool asleep) {
-            asleep ? note("the computer is going to sleep") : restart("the computer has resumed");
+            asleep ? (void)note("the computer is going to sleep")
+                   : restart("the computer has resumed");
         };
-        if (!m_sleep.open(m_loop.event(), slept, why)) {
+        if (!m_sleep.open(m_loop.event(), slept, why))
             note(why + "; sleep and resume are not followed");
-        }
-        if (settings == Load::Ready) start();  // otherwise after the back-off
+        start();
         return m_loop.run();
     }
 
 private:
-    // The settings, read once they can be; a malformed one ends us.
-    Load load() {
-        std::string problem;
-        Load result = load_settings(m_cli.env_file, Command::Run, m_envp, m_settings, problem);
-        m_backoff.limits(m_settings.backoff_min, m_settings.backoff_max);
-        if (result == Load::Malformed) {
-            note(problem);
-            m_loop.exit(2);
-        } else if (result == Load::NotReady) {
-            failed({FailureClass::NotReady, problem, {}});
-        } else {
-            if (m_cli.debug) m_settings.tool_env["HVN_DEBUG"] = "1";
-            m_route = std::make_unique<RelayRoute>(m_settings.relay_host, m_settings.relay_port);
-            m_state.config_dir = m_settings.config_dir;
-        }
-        return result;
-    }
-
-    // What must hold before every start: the settings, the configuration
-    // directory to ourselves, and the paths the settings name.
+    // What must hold before every start: the configuration directory to
+    // ourselves, and the paths the settings name.
     bool prepared() {
         std::string problem;
-        if (!m_route && load() != Load::Ready) return false;
-        if (!m_locked && config_dir_ready(m_settings, problem)) {
-            LockResult lock = take_config_lock(m_settings.config_dir, problem);
-            if (lock == LockResult::Held) {
-                note(problem);
-                m_loop.exit(4);
-                return false;
-            }
-            m_locked = lock == LockResult::Taken;
-            if (m_locked) m_recorder.write_into(m_settings.config_dir);
+        const std::string& dir = m_settings.config_dir;
+        LockResult lock = m_locked ? LockResult::Taken : take_config_lock(dir, problem);
+        if (lock == LockResult::Held) return note(problem), m_loop.exit(4), false;
+        m_locked = lock == LockResult::Taken;
+        if (m_locked && !m_recorder.writing()) {  // the directory is ours now
+            m_recorder.write_into(dir);
+            m_history.keep_in(dir);
+            m_state.paused = paused_since(dir, m_state.paused_since);
+            auto command = [this](const std::string& c) {
+                return c == "resume" ? resume() : pause(c == "pause --now");
+            };
+            if (int err = m_control.open(m_loop.event(), dir, command))
+                note(std::string("pause and resume cannot reach us: ") + strerror(err));
         }
         if (m_locked) paths_ready(m_settings, Command::Run, problem);
         if (!problem.empty()) failed({FailureClass::NotReady, problem, {}});
@@ -112,26 +90,23 @@ private:
         m_state.has_next_attempt = false;
         if (!prepared() || !server_configured()) return;
         std::string local;
-        if (m_network.active() && m_route->local_address(local) == Route::None) {
+        if (m_network.active() && m_route.local_address(local) == Route::None) {
             // a start would fail for certain: wait for the kernel's news
             set_phase(Phase::Waiting, "for a route to the relay (" + m_settings.relay_host + ")");
             return;
         }
         m_tunnel_local = local;
-        m_classifier = FailureClassifier();
         m_connected_at = -1;
+        EnvMap env = m_settings.tool_env;
+        if (m_state.paused) env["HVN_FTP_PORT"] = "-1";  // the tool's paused mode
         int err = m_tool.start(
-            m_loop.event(), m_settings.tool_path, m_settings.tool_env,
+            m_loop.event(), m_settings.tool_path, env,
             [this](const std::string& line) { status_line(line); },
-            [this](const std::string& line) {
-                fprintf(stderr, "tool: %s\n", line.c_str());
-                m_classifier.feed(line);
-            });
+            [this](const std::string& line) { m_history.feed(line); });
         if (err != 0) {  // perhaps the tool is being replaced by an upgrade
-            failed({FailureClass::SystemCall,
-                    "cannot start " + m_settings.tool_path + ": " + hvlib::get_strerror_string(err),
-                    {false, 127}});
-            return;
+            return failed({FailureClass::SystemCall,
+                           "cannot start " + m_settings.tool_path + ": " + strerror(err),
+                           {false, 127}});
         }
         if (m_started) ++m_state.restarts;
         m_started = true;
@@ -144,22 +119,19 @@ private:
     // Writes the GridFTP server's configuration unless it is the operator's;
     // what matters about it is said at the first start, a rewrite each time.
     bool server_configured() {
-        std::string path = m_settings.config_dir + "/gridftp.conf";
+        std::string path = m_settings.config_dir + "/gridftp.conf", shared;
         ConfOutcome outcome = ConfOutcome::Unchanged;
         if (int err = write_gridftp_conf(m_settings, outcome); err != 0) {
-            failed({FailureClass::NotReady,
-                    "cannot write " + path + ": " + hvlib::get_strerror_string(err),
-                    {}});
+            failed({FailureClass::NotReady, "cannot write " + path + ": " + strerror(err), {}});
             return false;
         }
-        if (outcome == ConfOutcome::Written) {
-            std::string shared;
-            for (const std::string& dir : m_settings.shared_dirs) shared += ":" + dir;
+        for (const Share& share : m_settings.shared)
+            shared += ":" + share.dir + (share.read_only ? ":ro" : "");
+        if (outcome == ConfOutcome::Written)
             note("wrote " + path + ", sharing " + shared.substr(1));
-        }
-        if (m_started) return true;
-        if (outcome == ConfOutcome::Operators) note(path + " is the operator's own; left as it is");
-        if (m_settings.trust_dir.empty()) {
+        if (!m_started && outcome == ConfOutcome::Operators)
+            note(path + " is the operator's own; left as it is");
+        if (!m_started && m_settings.trust_dir.empty()) {
             note(
                 "RELAYTOOL_TRUST_DIR: not set, and this build trusts no relay authority: the "
                 "GridFTP server will refuse certificates the relay issued");
@@ -177,23 +149,25 @@ private:
         }
         hvlib::KeyValues record(line);
         std::string status = record.get("status", "");
-        m_state.workers = 0;
+        m_state.workers = atoi(record.get("nr_workers", "0").c_str());
+        if (m_stopping) return workers_ended();  // the phase stays "stopping"
         if (status == "CONNECTED") {
             m_connected_at = now_ms();
             m_state.display_name = hvlib::url_decode(record.get("ep_display_name", ""));
             m_state.web_url = hvlib::url_decode(record.get("web_ux_url", ""));
-            m_route->resolve();  // the relay's name resolves now
-            if (m_tunnel_local.empty()) m_route->local_address(m_tunnel_local);
+            m_route.resolve();  // the relay's name resolves now
+            if (m_tunnel_local.empty()) m_route.local_address(m_tunnel_local);
             set_phase(Phase::Connected);
+        } else if (status == "IDLE" && m_state.phase == Phase::Pausing) {
+            restart("pausing: the transfers have ended");
         } else if (status == "IDLE" || status == "PAUSED") {
             set_phase(status == "IDLE" ? Phase::Idle : Phase::Paused);
         } else if (status == "ACTIVE") {
-            m_state.workers = atoi(record.get("nr_workers", "0").c_str());
-            set_phase(Phase::Active);
+            set_phase(m_state.phase == Phase::Pausing ? Phase::Pausing : Phase::Active,
+                      m_state.reason);
         } else {
             fprintf(stderr, "tool: status not understood: %s\n", line.c_str());
         }
-        if (m_stopping) workers_ended();
     }
 
     void set_phase(Phase phase, const std::string& reason = "") {
@@ -222,7 +196,7 @@ private:
             m_restart_reason.clear();
             start();
         } else {
-            failed(m_classifier.finish(end, m_connected_at >= 0));
+            failed(m_tool.failure(end, m_connected_at >= 0));
         }
     }
 
@@ -265,11 +239,14 @@ private:
         }
     }
 
-    // A burst of address or route changes has settled.
+    // A burst of address or route changes has settled. A route that comes
+    // back with the same local address leaves a running tool alone.
     void network_changed() {
         std::string local;
-        Route route = m_route ? m_route->local_address(local) : Route::Unknown;
-        if (route == Route::None && (m_tool.running() || m_retry.armed())) {
+        Route route = m_route.local_address(local);
+        if (route == Route::None && m_tool.running()) {
+            note("no route to the relay for now; the tool keeps running");
+        } else if (route == Route::None && m_retry.armed()) {
             restart("no route to the relay any more");
         } else if (route == Route::Known && waiting_for_route()) {
             restart("a route to the relay is back (local address " + local + ")");
@@ -277,6 +254,52 @@ private:
             restart("the local address for the relay changed from " +
                     (m_tunnel_local.empty() ? "none" : m_tunnel_local) + " to " + local);
         }
+    }
+
+    // `pause` waits for the running transfers unless `now`; both keep the
+    // mark, so that a restart of the service or the computer stays paused.
+    std::string pause(bool now) {
+        const std::string mark = paused_mark(m_settings.config_dir);
+        if (m_stopping) return "1 stopping";
+        if (m_state.paused && (!now || m_state.phase != Phase::Pausing)) {
+            return "0 already " + describe(m_state);
+        }
+        if (int err = hvlib::replace_file_atomically(
+                mark, "paused until `relaytool-endpoint resume`\n")) {
+            return "1 cannot write " + mark + ": " + strerror(err);
+        }
+        m_state.paused = paused_since(m_settings.config_dir, m_state.paused_since);
+        if (!now && m_tool.running() && m_state.workers > 0) {
+            set_phase(Phase::Pausing, "once the running transfers have ended");
+            return "0 pausing once the running transfers have ended";
+        }
+        for (pid_t worker : now ? all_workers() : std::vector<pid_t>()) kill(worker, SIGTERM);
+        restart("paused");
+        return "0 paused";
+    }
+
+    std::string resume() {
+        const std::string mark = paused_mark(m_settings.config_dir);
+        if (m_stopping) return "1 stopping";
+        if (!m_state.paused) return "0 not paused";
+        if (unlink(mark.c_str()) != 0 && errno != ENOENT)
+            return "1 cannot remove " + mark + ": " + strerror(errno);
+        m_state.paused = false;
+        if (m_state.phase == Phase::Pausing) {  // still serving: nothing to start again
+            set_phase(m_state.workers > 0 ? Phase::Active : Phase::Idle);
+        } else {
+            restart("resumed");
+        }
+        return "0 resumed";
+    }
+
+    // The workers of this run of the tool, and those that outlived a tool.
+    std::vector<pid_t> all_workers() const {
+        std::vector<pid_t> workers = workers_of(getpid());
+        if (m_tool.running()) {
+            for (pid_t worker : workers_of(m_tool.pid())) workers.push_back(worker);
+        }
+        return workers;
     }
 
     void stop(int sig) {
@@ -288,21 +311,16 @@ private:
         kill_workers();
     }
 
-    // Stops in three steps. The GridFTP workers get SIGTERM and a grace
-    // time to end their transfers while the tunnel still carries them (the
-    // tool never ends them, and they outlive it); then the tool is stopped
-    // its own way, which takes ssh with it; what is left then is killed.
+    // Stops in three steps: the GridFTP workers get SIGTERM and a grace time
+    // while the tunnel still carries them (the tool never ends them); then
+    // the tool is stopped its own way, taking ssh along; the rest is killed.
     void shut_down(int exit_status, const std::string& reason) {
         m_stopping = true;
         m_state.exit_status = exit_status;
         m_retry.cancel();
         m_state.has_next_attempt = false;
         set_phase(Phase::Stopping, reason);
-        std::vector<pid_t> workers = workers_of(getpid());  // those that outlived a tool
-        if (m_tool.running()) {
-            for (pid_t worker : workers_of(m_tool.pid())) workers.push_back(worker);
-        }
-        for (pid_t worker : workers) kill(worker, SIGTERM);
+        for (pid_t worker : all_workers()) kill(worker, SIGTERM);
         m_grace.after(m_loop.event(), kWorkerGraceMs, [this] { stop_tool(); });
         workers_ended();
     }
@@ -331,19 +349,18 @@ private:
         m_loop.exit(m_state.exit_status);
     }
 
-    const CommandLine& m_cli;
-    char** m_envp;
     Settings m_settings;
     Loop m_loop;
     Tool m_tool;
     NetworkWatch m_network;
     SleepWatch m_sleep;
-    std::unique_ptr<RelayRoute> m_route;  // once the settings are known
+    RelayRoute m_route;
     StateRecorder m_recorder;
-    Backoff m_backoff{1, 300};
+    TransferHistory m_history;
+    ControlSocket m_control;
+    Backoff m_backoff;
     std::mt19937_64 m_random{std::random_device{}()};
     EndpointState m_state;
-    FailureClassifier m_classifier;
     Source m_retry, m_grace;
     std::string m_tunnel_local;  // the local address to the relay when the tool started
     std::string m_start_reason, m_restart_reason;
@@ -353,6 +370,8 @@ private:
 
 }  // namespace
 
-int run_supervisor(const CommandLine& cli, char** envp) { return Supervisor(cli, envp).run(); }
+int run_supervisor(const CommandLine& cli, const Settings& settings) {
+    return Supervisor(cli, settings).run();
+}
 
 }  // namespace endpoint

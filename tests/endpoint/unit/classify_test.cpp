@@ -3,101 +3,103 @@
 #include <csignal>
 #include <vector>
 
-#include "classify.h"
+#include "tool.h"
 
-using endpoint::class_info;
-using endpoint::Failure;
-using endpoint::FailureClass;
-using endpoint::FailureClassifier;
+using endpoint::Backoff;
+using endpoint::BackoffKind;
 using endpoint::ToolEnd;
 
 namespace {
 
 const ToolEnd kExit1{false, 1};
 
-Failure run(const std::vector<std::string>& lines, ToolEnd end = kExit1, bool connected = false) {
-    FailureClassifier classifier;
+// The class's name and the line kept, for a run with these lines and this end.
+std::string classified(const std::vector<std::string>& lines, ToolEnd end = kExit1,
+                       bool connected = false) {
+    endpoint::FailureClassifier classifier;
     for (const std::string& line : lines) classifier.feed(line);
-    return classifier.finish(end, connected);
+    endpoint::Failure f = classifier.finish(end, connected);
+    return std::string(endpoint::class_info(f.cls).name) + (f.line.empty() ? "" : " | " + f.line);
 }
-
-const char* name(const Failure& f) { return class_info(f.cls).name; }
 
 }  // namespace
 
-TEST(Classify, TheToolsAndSshsWordsGiveTheirClass) {
+TEST(Classify, WhatNeedsAPersonIsToldFromWhatPasses) {
     struct Case {
-        const char* line;
-        const char* cls;
+        std::vector<std::string> lines;
+        ToolEnd end;
+        bool connected;
+        std::string expected;
     } cases[] = {
-        {"Env var 'HVN_OS' must be set", "setting"},
-        {"Fatal Error: No HVN credentials found", "no-credentials"},
-        {"Relay server error: unknown endpoint id 42", "relay-error"},
-        {"Fatal Error: Couldn't open for reading '/c/client-key.pem': Permission denied", "files"},
-        {"Fatal Error: Couldn't write '/c/client-id.txt': No space left on device", "files"},
-        {"src/relaytool:267: failed precondition 'nr_ftp_active >= 0'", "internal"},
-        {"Fatal Error: Unexpected server message LOGIN_S, expected CHALLENGE_S", "protocol"},
-        {"Fatal Error: Key 'string' not found", "protocol"},
-        {"Fatal Posix Error: poll: Interrupted system call", "system-call"},
-        {"[ssh stderr] Host key verification failed.", "host-key"},
-        {"[ssh stderr] @    WARNING: REMOTE HOST IDENTIFICATION HAS CHANGED!     @", "host-key"},
-        {"[ssh stderr] No RSA host key is known for [relay]:2223 and you have requested strict "
-         "checking.",
-         "host-key"},
-        {"[ssh stderr] x_relay2@127.0.0.1: Permission denied (publickey).", "account-refused"},
-        {"[ssh stderr] ssh: connect to host relay port 2223: Connection refused",
+        {{"Env var 'HVN_OS' must be set"}, {false, 2}, false, "setting"},
+        {{}, {false, 2}, false, "setting"},  // the tool's status for a missing setting
+        {{"[ssh stderr] Host key verification failed."}, kExit1, false, "host-key"},
+        {{"[ssh stderr] x@relay: Permission denied (publickey)."},
+         kExit1,
+         false,
+         "account-refused"},
+        {{"Fatal Error: No HVN credentials found"}, kExit1, true, "no-credentials"},
+        {{"Relay server error: updating"}, kExit1, true, "relay-error"},
+        {{"[ssh stderr] ssh: connect to host r port 22: Connection refused"},
+         kExit1,
+         false,
          "relay-unreachable"},
-        {"[ssh stderr] ssh: Could not resolve hostname relay: Name or service not known",
-         "relay-unreachable"},
-        {"[ssh stderr] Connection to 127.0.0.1 closed by remote host.", "connection-lost"},
-        {"[ssh stderr] Timeout, server relay not responding.", "connection-lost"},
-        {"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file or directory",
+        {{"[ssh stderr] pdeath: cannot execute '/usr/bin/ssh': No such file"},
+         kExit1,
+         false,
          "not-ready"},
+        // a worker's complaint says nothing about the connection, and ssh's
+        // lines are ssh's, not the tool's
+        {{"[ftp stderr] Relay server error: x", "[ssh stderr] Relay server error: x",
+          "Host key verification failed."},
+         kExit1,
+         false,
+         "unknown"},
+        // the cause wins over its consequences; of two of one class, the first
+        {{"[ssh stderr] Connection closed by r", "Relay server error: first",
+          "Relay server error: second", "[ssh stderr] Connection to r closed by remote host."},
+         kExit1,
+         true,
+         "relay-error"},
+        // a run that logged in and ended without a word lost its connection
+        {{"[ssh stderr] Connection closed by r port 22"}, kExit1, true, "connection-lost"},
+        {{"Relay server error: x"}, {true, SIGKILL}, true, "signal"},
+        {{"src/posix:45: failed precondition 'fd >= 0'"}, {true, SIGABRT}, false, "internal"},
     };
     for (const Case& c : cases) {
-        Failure f = run({c.line});
-        EXPECT_STREQ(name(f), c.cls) << c.line;
-        EXPECT_EQ(f.line, c.line);
+        std::string got = classified(c.lines, c.end, c.connected);
+        EXPECT_EQ(got.substr(0, got.find(" | ")), c.expected) << got;
     }
+    EXPECT_EQ(classified({"[ssh stderr] Connection closed by r", "Relay server error: first",
+                          "Relay server error: second"}),
+              "relay-error | Relay server error: first");
 }
 
-TEST(Classify, OnlyTheRightSourceCounts) {
-    // A worker's complaint says nothing about the connection, and the tool's
-    // words copied from ssh are ssh's, not the tool's.
-    EXPECT_STREQ(name(run({"[ftp stderr] Relay server error: x",
-                           "[ftp stderr] Host key verification failed."})),
-                 "unknown");
-    EXPECT_STREQ(name(run({"[ssh stderr] Relay server error: x"})), "unknown");
-    EXPECT_STREQ(name(run({"Host key verification failed."})), "unknown");
-    EXPECT_EQ(run({"[ftp stderr] Relay server error: x"}).line, "");
-}
-
-TEST(Classify, TheCauseWinsOverItsConsequences) {
-    Failure f = run({"[ssh stderr] Connection closed by 127.0.0.1 port 2223",
-                     "[ssh stderr] Host key verification failed.",
-                     "[ssh stderr] Connection to 127.0.0.1 closed by remote host."});
-    EXPECT_STREQ(name(f), "host-key");
-    EXPECT_EQ(f.line, "[ssh stderr] Host key verification failed.");
-    // of two lines of one class the first is kept
-    f = run({"Relay server error: first", "Relay server error: second"});
-    EXPECT_EQ(f.line, "Relay server error: first");
-}
-
-TEST(Classify, ExitStatusSignalAndLoginDecideWhereLinesDoNot) {
-    EXPECT_STREQ(name(run({}, ToolEnd{false, 2})), "setting");
-    EXPECT_STREQ(
-        name(run({"[ssh stderr] Connection to x closed by remote host."}, ToolEnd{false, 2})),
-        "setting");
-    EXPECT_STREQ(name(run({}, ToolEnd{true, SIGKILL})), "signal");
-    EXPECT_STREQ(name(run({"Relay server error: x"}, ToolEnd{true, SIGTERM})), "signal");
-    EXPECT_STREQ(name(run({"src/posix:45: failed precondition 'fd >= 0'"}, ToolEnd{true, SIGABRT})),
-                 "internal");
-    EXPECT_STREQ(name(run({}, ToolEnd{true, SIGABRT})), "signal");
-    // A run that logged in and ended without a word lost its connection; one
-    // that never got there did not say why.
-    EXPECT_STREQ(name(run({}, kExit1, true)), "connection-lost");
-    EXPECT_STREQ(name(run({"[ssh stderr] Connection closed by 127.0.0.1 port 22"}, kExit1, true)),
-                 "connection-lost");
-    EXPECT_STREQ(name(run({}, kExit1, false)), "unknown");
-    EXPECT_STREQ(name(run({"Relay server error: x"}, kExit1, true)), "relay-error");
+TEST(Backoff, GrowsWithJitterToTheMaximumAndStartsAgainAfterAConnectionThatLasted) {
+    Backoff b(1, 300), small(0.05, 0.4), fixed(0.2, 0.2);
+    double previous = 0;
+    for (int i = 0; i < 8; ++i) {  // whatever the draws, never shrinking until the maximum
+        double d = b.next(i % 3 == 0 ? 0.99 : 0.0);
+        EXPECT_GE(d, std::max(previous, double(1 << i))) << i;
+        EXPECT_LE(d, 2 << i) << i;
+        previous = d;
+    }
+    for (double u : {0.0, 0.5, 0.999999}) {
+        double d = b.next(u);
+        EXPECT_TRUE(d >= 150 && d <= 300) << d;
+    }
+    EXPECT_DOUBLE_EQ(fixed.next(0.9), 0.2);
+    Backoff longer(1, 300);  // where hammering cannot help: as after five failures
+    EXPECT_GE(longer.next(0, BackoffKind::Long), 32);
+    EXPECT_LE(small.next(0.99, BackoffKind::Long), 0.4);
+    // stable: as long as the longest delay, a minute at most
+    for (int i = 0; i < 3; ++i) small.next(0.5);
+    b.connection_lasted(Backoff::kStableSeconds - 0.1);
+    small.connection_lasted(0.3);
+    EXPECT_GE(b.next(0), 150);
+    EXPECT_GE(small.next(0), 0.2);
+    b.connection_lasted(Backoff::kStableSeconds);
+    small.connection_lasted(0.4);
+    EXPECT_LE(b.next(0.99), 2);
+    EXPECT_LE(small.next(0.99), 0.1);
 }

@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "build_info.h"
+#include "file.h"
 #include "settings.h"
 
 using endpoint::Command;
 using endpoint::EnvMap;
 using endpoint::Settings;
+using endpoint::Share;
 using endpoint::SystemFacts;
 
 namespace {
@@ -53,51 +58,40 @@ TEST(Settings, DefaultsLeaveOnlyTheRelayAndTheGridFTPServer) {
     EXPECT_EQ(s.tool_env, expected);  // every variable the tool requires, and no other
     EXPECT_EQ(s.tool_path + " " + s.relay_host + " " + s.relay_port,
               RELAYTOOL_DEFAULT_TOOL " relay.example 2223");
-    EXPECT_EQ(resolve_ok(minimal({{"XDG_CONFIG_HOME", "/x"}}), Command::Status).config_dir,
-              "/x/relaytool");
-    // a relative XDG_CONFIG_HOME is to be ignored; without HOME, passwd's
+    EXPECT_EQ(s.shared, (std::vector<Share>{{"/home/alice", false}}));
+    EXPECT_EQ(s.trust_dir, RELAYTOOL_DEFAULT_TRUST_DIR);
+    // status, pause and resume find the directory as run does; a relative
+    // XDG_CONFIG_HOME is to be ignored, and without HOME passwd's home counts
+    EXPECT_EQ(resolve_ok({{"XDG_CONFIG_HOME", "/x"}}, Command::Pause).config_dir, "/x/relaytool");
     EXPECT_EQ(resolve_ok({{"XDG_CONFIG_HOME", "x"}}, Command::Status).config_dir,
               "/home/alice/.config/relaytool");
+    EXPECT_EQ(resolve_ok({{"HVN_CONFIG_DIR", "rel//"}}, Command::Resume).config_dir, "/work/rel");
 }
 
-TEST(Settings, TheEnvironmentWinsOverTheFileAndEmptyMeansUnset) {
-    std::string entries[] = {"HVN_USER=bob", "HVN_OS=", "HVN_SSH_DEBUG=", "PATH=/bin"};
-    char* envp[] = {&entries[0][0], &entries[1][0], &entries[2][0], &entries[3][0], nullptr};
-    EnvMap env = endpoint::environment_over_file(
-        envp,
-        {{"HVN_USER", "file"}, {"HVN_OS", "FileOS"}, {"HVN_FTP_PORT", ""}, {"A", "1"}, {"A", "2"}});
-    EXPECT_EQ(env,
-              (EnvMap{{"A", "2"}, {"HVN_OS", "FileOS"}, {"HVN_USER", "bob"}, {"PATH", "/bin"}}));
-}
-
-TEST(Settings, WhatIsOursStaysAway) {
-    const char* ours[] = {"NOTIFY_SOCKET",  "HVN_SETUP_CODE", "HVN_RELAYTOOL_TEST",   "HVN_DEBUG",
-                          "RELAYTOOL_PATH", "WATCHDOG_USEC",  "RELAYTOOL_BACKOFF_MIN"};
-    EnvMap env = minimal(
-        {{"HVN_RELAY_SERVER", " relay.example:2224 "}, {"HVN_CONFIG_DIR", "relative/dir//"}});
-    for (const char* key : ours) env[key] = "1";
-    Settings s = resolve_ok(env);
-    for (const char* key : ours) EXPECT_EQ(s.tool_env.count(key), 0u) << key;
-    EXPECT_EQ(s.tool_path + " " + s.relay_port, "1 2224");
-    EXPECT_EQ(s.tool_env["HVN_CONFIG_DIR"], "/work/relative/dir");
+TEST(Settings, SharedDirectoriesAreAbsoluteAndMayBeReadOnly) {
+    Settings s = resolve_ok(minimal({{"RELAYTOOL_SHARED_DIRS", "/srv/a//::/home/b/:ro:/c:ro"},
+                                     {"RELAYTOOL_TRUST_DIR", "/t/"}}));
+    EXPECT_EQ(s.shared, (std::vector<Share>{{"/srv/a", false}, {"/home/b", true}, {"/c", true}}));
+    EXPECT_EQ(s.trust_dir, "/t");
 }
 
 TEST(Settings, MissingOrMalformedValuesAreNamed) {
-    EXPECT_EQ(problem_of({{"HVN_GRIDFTP_PATH", "/g"}}), "HVN_RELAY_SERVER");
-    EXPECT_EQ(problem_of({{"HVN_RELAY_SERVER", "r"}}, Command::Setup), "HVN_GRIDFTP_PATH");
-    for (const char* relay : {"relay:", ":2223", "relay:65536", "relay:22x", "[::1]:2223"}) {
+    struct Case {
+        EnvMap env;
+        const char* name;
+    } cases[] = {
+        {{{"HVN_GRIDFTP_PATH", "/g"}}, "HVN_RELAY_SERVER"},
+        {{{"HVN_RELAY_SERVER", "r"}}, "HVN_GRIDFTP_PATH"},
+        {minimal({{"RELAYTOOL_BACKOFF_MIN", "5"}, {"RELAYTOOL_BACKOFF_MAX", "4"}}),
+         "RELAYTOOL_BACKOFF_MIN"},
+        {minimal({{"RELAYTOOL_TRUST_DIR", "trust"}}), "RELAYTOOL_TRUST_DIR"},
+        {minimal({{"HVN_CONFIG_DIR", "/a\"b"}}), "HVN_CONFIG_DIR"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(problem_of(c.env), c.name);
+    for (const char* relay :
+         {"relay:", ":2223", "relay:0", "relay:65536", "relay:22x", "[::1]:22"}) {
         EXPECT_EQ(problem_of(minimal({{"HVN_RELAY_SERVER", relay}})), "HVN_RELAY_SERVER") << relay;
     }
-    for (const char* port : {"x", "-2", "65536", "--1"}) {
-        EXPECT_EQ(problem_of(minimal({{"HVN_FTP_PORT", port}})), "HVN_FTP_PORT") << port;
-    }
-    for (const char* seconds : {"0", "1e3", "nan", "86401", "1.2.3"}) {
-        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_BACKOFF_MAX", seconds}})),
-                  "RELAYTOOL_BACKOFF_MAX")
-            << seconds;
-    }
-    EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_BACKOFF_MIN", "5"}, {"RELAYTOOL_BACKOFF_MAX", "4"}})),
-              "RELAYTOOL_BACKOFF_MIN");
     // setup reads neither the port nor the back-off
     resolve_ok(minimal({{"HVN_FTP_PORT", "x"}, {"RELAYTOOL_BACKOFF_MIN", "0"}}), Command::Setup);
     SystemFacts nameless = kFacts, homeless = kFacts;
@@ -107,21 +101,55 @@ TEST(Settings, MissingOrMalformedValuesAreNamed) {
     EXPECT_EQ(problem_of({}, Command::Status, homeless), "HVN_CONFIG_DIR");
 }
 
-TEST(Settings, WhatTheGridFTPServerSharesAndTrusts) {
-    Settings s = resolve_ok(minimal());
-    EXPECT_EQ(s.shared_dirs, std::vector<std::string>{"/home/alice"});
-    EXPECT_EQ(s.trust_dir, RELAYTOOL_DEFAULT_TRUST_DIR);
-    s = resolve_ok(minimal(
-        {{"RELAYTOOL_SHARED_DIRS", "/srv/data//::/home/bob/"}, {"RELAYTOOL_TRUST_DIR", "/t/"}}));
-    EXPECT_EQ(s.shared_dirs, (std::vector<std::string>{"/srv/data", "/home/bob"}));
-    EXPECT_EQ(s.trust_dir, "/t");
-    EXPECT_EQ(s.tool_env.count("RELAYTOOL_SHARED_DIRS") + s.tool_env.count("RELAYTOOL_TRUST_DIR"),
-              0u);
-    // relative, or what the server's configuration cannot quote
-    for (const char* shared : {"/srv:data", "/srv/a,b", "/srv/$HOME", ":"}) {
-        EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_SHARED_DIRS", shared}})), "RELAYTOOL_SHARED_DIRS")
-            << shared;
+// The GridFTP server's configuration, in a home of real directories.
+class GridftpConf : public testing::Test {
+protected:
+    void SetUp() override {
+        char name[] = "/tmp/gridftp-conf-test.XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        root = name;
+        std::filesystem::create_directories(root + "/real/home/.ssh");
+        std::filesystem::create_directories(root + "/real/home/.config/relaytool");
+        std::filesystem::create_directory_symlink(root + "/real/home", root + "/home");
+        s.home = root + "/home";  // reached through a symbolic link
+        s.config_dir = s.home + "/.config/relaytool";
+        s.shared = {{s.home, false}, {s.home + "/results", true}};
     }
-    EXPECT_EQ(problem_of(minimal({{"RELAYTOOL_TRUST_DIR", "trust"}})), "RELAYTOOL_TRUST_DIR");
-    EXPECT_EQ(problem_of(minimal({{"HVN_CONFIG_DIR", "/a\"b"}})), "HVN_CONFIG_DIR");
+    void TearDown() override { std::filesystem::remove_all(root); }
+    std::string restricted() {
+        std::string text = endpoint::gridftp_conf_text(s);
+        size_t start = text.find("\nrestrict_paths \"") + 17;  // a line of its own
+        return text.substr(start, text.find('"', start) - start);
+    }
+    std::string root;
+    Settings s;
+};
+
+TEST_F(GridftpConf, PrivateStoresAreNeverServedNorMovedAway) {
+    std::string real = root + "/real/home", home = s.home;
+    EXPECT_EQ(restricted(), home + "," + "R" + home + "/results," + "R" + real + "/.config,N" +
+                                real + "/.config/relaytool,N" + real + "/.ssh,N" + real +
+                                "/.gnupg,N" + real + "/.globus,N" + real + "/.pki,R" + real +
+                                "/.local,R" + real + "/.local/share,N" + real +
+                                "/.local/share/keyrings,N" + real + "/.password-store");
+    s.shared = {{home + "/.ssh", false}, {"/srv", true}};  // named, it is served; elsewhere, none
+    EXPECT_EQ(restricted(), home + "/.ssh,R/srv");
+}
+
+TEST_F(GridftpConf, WrittenWhenAbsentOrGeneratedNeverOverTheOperators) {
+    std::string path = s.config_dir + "/gridftp.conf";
+    endpoint::ConfOutcome outcome = endpoint::ConfOutcome::Operators;
+    for (auto expected : {endpoint::ConfOutcome::Written, endpoint::ConfOutcome::Unchanged}) {
+        ASSERT_EQ(endpoint::write_gridftp_conf(s, outcome), 0);
+        EXPECT_EQ(outcome, expected);
+    }
+    std::string text = hvlib::read_file_contents(path);
+    EXPECT_EQ(text.rfind(std::string(endpoint::kGeneratedMarker) + "\n", 0), 0u);
+    EXPECT_NE(text.find("log_level ERROR,WARN,INFO,TRANSFER,DUMP\n"), std::string::npos);
+    EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    hvlib::create_private_file_with_contents(path, "# mine\n" + text);
+    ASSERT_EQ(endpoint::write_gridftp_conf(s, outcome), 0);
+    EXPECT_EQ(outcome, endpoint::ConfOutcome::Operators);
+    EXPECT_EQ(hvlib::read_file_contents(path), "# mine\n" + text);
 }
