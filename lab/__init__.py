@@ -90,12 +90,12 @@ class Lab:
     def _build(self, programs, installed, authority, heartbeat):
         self.stage = Stage()
         self.closers.append(self.stage.close)
-        self.user, self.other = Account(USER), Account(OTHER)
+        self.user = Account(USER)
         self.programs = {name: self.stage.program(path) for name, path in programs.items()}
         self.net = net.Network(self.stage.path("uts"))
         self.closers.append(self.net.close)
         self.relay = self.new_relay(authority=authority, heartbeat=heartbeat)
-        self.net.block_inbound(self.net.endpoint)
+        self.net.block_inbound("endpoint")
         if installed:
             self.etc_dir = self.stage.tree(installed, "etc")
             self.trust_dir = os.path.join(self.etc_dir, "trust")
@@ -105,6 +105,13 @@ class Lab:
                             os.path.join(self.etc_dir, "relay-anonymous.key"))
             os.chmod(os.path.join(self.etc_dir, "relay-anonymous.key"), 0o644)
             self.trust_dir = self.relay.trust_dir
+
+    @property
+    def other(self):
+        """A second local user, made when a test first wants one."""
+        if not hasattr(self, "_other"):
+            self._other = Account(OTHER)
+        return self._other
 
     def new_relay(self, **options):
         """A relay (sshd and the reference relay) in the relay's namespace;
@@ -121,9 +128,8 @@ class Lab:
     def argv(self, argv, ns="endpoint", account="user"):
         """argv as `account` ("user", "other", an Account or None for root)
         in namespace ns ("endpoint", "relay" or None for ours)."""
-        account = {"user": self.user, "other": self.other}.get(account, account)
+        account = getattr(self, account) if isinstance(account, str) else account
         argv = account.argv(argv) if account else list(argv)
-        ns = {"endpoint": self.net.endpoint, "relay": self.net.relay}.get(ns, ns)
         return self.net.argv(ns, argv) if ns else argv
 
     def spawn(self, argv, ns="endpoint", account="user", **popen):
@@ -146,7 +152,6 @@ class Lab:
 
     def kill_all(self, ns="endpoint"):
         """Ends every process in namespace ns, such as what a test left."""
-        ns = {"endpoint": self.net.endpoint, "relay": self.net.relay}.get(ns, ns)
         for pid in self.net.pids(ns):
             try:
                 os.kill(pid, signal.SIGKILL)

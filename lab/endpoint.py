@@ -57,10 +57,11 @@ class Endpoint:
         self.lab.relay.add_code(code)
         return self.command("setup", input=code + "\n")
 
-    def start(self, *args, env=None, wrapper=()):
-        """relaytool-endpoint ARGS (default: run) in the background; its
+    def start(self, *args, env=None, wrapper=(), program=None):
+        """relaytool-endpoint ARGS (default: run) in the background, or
+        another build of it (`program`, staged), behind `wrapper`; its
         standard error, the endpoint's log, goes to log_path."""
-        argv = list(wrapper) + [self.lab.programs["endpoint"]] + list(args or ["run"])
+        argv = list(wrapper) + [program or self.lab.programs["endpoint"]] + list(args or ["run"])
         self.run = self.lab.start(argv, self.out_path, self.log_path, env=env or self.env(),
                                   details=self.details)
         return self.run
@@ -149,5 +150,5 @@ class Endpoint:
 
     def processes(self, name=None):
         """The live processes in the endpoint's namespace (named `name`)."""
-        return [pid for pid in self.lab.net.pids(self.lab.net.endpoint)
+        return [pid for pid in self.lab.net.pids("endpoint")
                 if command_name(pid) and (name is None or command_name(pid) == name)]

@@ -94,10 +94,15 @@ class Network:
             self.close()
             raise
 
+    def name(self, ns):
+        """The namespace's name; every method takes "relay" and "endpoint"
+        as well."""
+        return {"relay": self.relay, "endpoint": self.endpoint}.get(ns, ns)
+
     def argv(self, ns, argv):
         """argv run inside namespace ns under the lab's host name; each
         wrapper execs the next, so the pid is argv's."""
-        return [IP, "netns", "exec", ns, NSENTER, "--uts=" + self.uts, "--"] + list(argv)
+        return [IP, "netns", "exec", self.name(ns), NSENTER, "--uts=" + self.uts, "--"] + list(argv)
 
     def block_inbound(self, ns):
         """Nothing new comes into ns from outside: only loopback and the
@@ -114,10 +119,11 @@ class Network:
     def link(self, ns, up):
         """Takes ns's end of the link down or up; down takes the route
         between the namespaces with it."""
-        run([IP, "-n", ns, "link", "set", DEVICE, "up" if up else "down"])
+        run([IP, "-n", self.name(ns), "link", "set", DEVICE, "up" if up else "down"])
 
     def set_address(self, ns, address):
         """Gives ns's end of the link a new address in place of the old."""
+        ns = self.name(ns)
         run([IP, "-n", ns, "addr", "add", "%s/%d" % (address, PREFIX), "dev", DEVICE])
         # without this the kernel deletes the new address (a secondary one
         # in the same subnet) together with the old primary
@@ -128,6 +134,7 @@ class Network:
     def shape(self, ns, rate):
         """Everything ns sends over the link goes at `rate` (tc's units,
         such as "2mbit"), so that a transfer lasts; None lifts it."""
+        ns = self.name(ns)
         if rate is None:
             run([TC, "-n", ns, "qdisc", "del", "dev", DEVICE, "root"])
         else:
@@ -135,7 +142,7 @@ class Network:
                  "rate", rate, "burst", "32kbit", "latency", "1s"])
 
     def pids(self, ns):
-        return ns_pids(ns)
+        return ns_pids(self.name(ns))
 
     def close(self):
         """Ends every process left in the namespaces, then removes them

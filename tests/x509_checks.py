@@ -1,7 +1,7 @@
 """The OpenSSL command-line tool as the judge of the local relay's X.509
 credentials: chain verification against a trust directory, subjects in the
 form that gridmap files use, and key pairs.  (Handshakes with them are
-Debian's GridFTP server and client's business: e2e/test_gridftp.py.)
+Debian's GridFTP server and client's business: e2e/test_real_parts.py.)
 
 The relay itself only uses python3-cryptography; checking it with a second,
 independent implementation is the point.
