@@ -44,12 +44,14 @@ class EndpointThroughRelay(unittest.TestCase):
 
     def test_a_stop_gives_a_worker_in_flight_its_grace(self):
         notify = self.lab.notify()
-        ep = self.endpoint("stop", NOTIFY_SOCKET=notify.path)
-        state = ep.start_idle()
+        ep = self.endpoint("stop")
+        # as systemd runs it, with WatchdogSec=2
+        state = ep.start_idle(env=ep.env(NOTIFY_SOCKET=notify.path, WATCHDOG_USEC="2000000"))
         self.assertEqual(state["display_name"], "Test Endpoint")
         _, greeting = gridftp.hold(self.lab, ep.forwarded())
         self.assertRegex(greeting, r"^220 ")
         ep.wait_state(lambda s: s["state"] == "active" and s["workers"] == 1, "active, 1")
+        self.assertTrue(wait_until(lambda: "WATCHDOG=1" in notify.messages()), notify.received)
 
         # A stop while a transfer is in flight: the worker gets SIGTERM and
         # ends while the tool and the tunnel still run; nothing is left.
@@ -58,7 +60,7 @@ class EndpointThroughRelay(unittest.TestCase):
         self.assertEqual(re.findall("^state: (.*)$", ep.log(start), re.M),
                          ["stopping: on request (SIGTERM)", "idle", "stopped"])
         self.assertAllEnded(ep)
-        messages = notify.messages()
+        messages = [m for m in notify.messages() if m != "WATCHDOG=1"]
         self.assertTrue(messages[0].startswith("READY=1"), messages)
         self.assertTrue(messages[-1].startswith("STOPPING=1"), messages)
         for text in ("STATUS=idle", "STATUS=active, 1 worker"):
@@ -114,6 +116,8 @@ class EndpointThroughRelay(unittest.TestCase):
         ep.run.kill()
         ep.run.wait()
         self.assertAllEnded(ep)
+        rc, status = ep.status()  # what the file says is not taken for a running endpoint
+        self.assertEqual((rc, status["state"], status["tool_pid"]), (3, "stopped", None), status)
 
     def test_another_host_key_stops_for_good(self):
         key = self.lab.stage.path("other_host_key")
