@@ -29,7 +29,7 @@ import sys
 from . import gridftp, net
 from .accounts import SETPRIV, Account, OTHER, USER
 from .endpoint import Endpoint
-from .gridftp import SOURCE_PASV, FarSide  # noqa: F401 (for users of the lab)
+from .gridftp import SOURCE_PASV, FarSide  # noqa: F401 (SOURCE_PASV: for users of the lab)
 from .process import WAIT, Run, wait_until  # noqa: F401
 from .stage import Stage
 from .tool import ToolConfig
@@ -78,8 +78,9 @@ class Lab:
     def __init__(self, programs=None, installed=None, authority=TEST_AUTHORITY, heartbeat=5):
         self.procs, self.closers, self.relays = [], [], []
         if signal.getsignal(signal.SIGTERM) == signal.SIG_DFL:
-            # a stop by a time limit or a person still takes the lab down
-            signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+            # a stop by a time limit or a person takes the lab down as
+            # Ctrl-C does: unittest lets KeyboardInterrupt through
+            signal.signal(signal.SIGTERM, signal.default_int_handler)
         atexit.register(self.close)
         try:
             self._build(programs or built_programs(), installed, authority, heartbeat)

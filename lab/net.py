@@ -18,7 +18,8 @@ import re
 import shutil
 import signal
 import subprocess
-import time
+
+from .process import wait_until
 
 IP = "/usr/sbin/ip" if os.path.exists("/usr/sbin/ip") else "/sbin/ip"
 NFT = "/usr/sbin/nft"
@@ -74,12 +75,9 @@ class Network:
         try:
             for ns in self.addresses:
                 run([IP, "netns", "add", ns])
-                os.makedirs("/etc/netns/" + ns, exist_ok=True)
-                with open("/etc/netns/%s/hosts" % ns, "w") as f:
-                    f.write("127.0.0.1 localhost\n%s relay.lab\n%s endpoint.lab\n"
-                            % (self.relay_addr, self.endpoint_addr))
-                    if ns == self.endpoint:
-                        f.write("127.0.1.1 %s\n" % HOST_NAME)
+                write_hosts(ns, "127.0.0.1 localhost\n%s relay.lab\n%s endpoint.lab\n%s" % (
+                    self.relay_addr, self.endpoint_addr,
+                    "127.0.1.1 %s\n" % HOST_NAME if ns == self.endpoint else ""))
             # made inside the namespaces at once: the name need not be free in ours
             run([IP, "link", "add", DEVICE, "netns", self.relay, "type", "veth",
                  "peer", "name", DEVICE, "netns", self.endpoint])
@@ -160,15 +158,24 @@ def ns_pids(ns):
     return [int(p) for p in out.split()]
 
 
+def write_hosts(ns, text):
+    for _ in range(3):  # another lab may remove /etc/netns when it empties it
+        try:
+            os.makedirs("/etc/netns/" + ns, exist_ok=True)
+            with open("/etc/netns/%s/hosts" % ns, "w") as f:
+                return f.write(text)
+        except FileNotFoundError:
+            pass
+    raise RuntimeError("cannot write /etc/netns/%s/hosts" % ns)
+
+
 def remove(ns):
     for pid in ns_pids(ns):
         try:
             os.kill(pid, signal.SIGKILL)
         except ProcessLookupError:
             pass
-    deadline = time.monotonic() + 10
-    while ns_pids(ns) and time.monotonic() < deadline:
-        time.sleep(0.05)
+    wait_until(lambda: not ns_pids(ns), 10)
     subprocess.run([IP, "netns", "del", ns], capture_output=True)
     shutil.rmtree("/etc/netns/" + ns, ignore_errors=True)
     try:

@@ -91,13 +91,14 @@ class Stage:
 
 
 def remove(root):
-    """Unmounts what the lab mounted inside (its UTS namespace), then
-    removes the directory."""
-    with open("/proc/self/mounts") as f:
-        mounts = [line.split()[1] for line in f]
-    for mount in mounts:
+    """Unmounts what the lab or a test mounted inside (the UTS namespace, a
+    small file system), then removes the directory."""
+    with open("/proc/self/mounts") as f:  # blanks and such as octal escapes
+        mounts = [re.sub(r"\\([0-7]{3})", lambda m: chr(int(m.group(1), 8)), line.split()[1])
+                  for line in f]
+    for mount in sorted(mounts, reverse=True):
         if mount.startswith(root + "/"):
-            subprocess.run(["umount", mount], capture_output=True)
+            subprocess.run(["umount", "-l", mount], capture_output=True)
     shutil.rmtree(root, ignore_errors=True)
 
 

@@ -9,6 +9,7 @@ skipped.
     test_real_parts.py [-v] [Class[.test]]
 """
 
+import atexit
 import hashlib
 import os
 import re
@@ -135,8 +136,9 @@ class Gridftp(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        hidden = tempfile.mkdtemp()  # mode 0700
-        cls.addClassCleanup(shutil.rmtree, hidden)
+        # mode 0700; named so that a later lab sweeps it after a kill
+        hidden = tempfile.mkdtemp(prefix="%s%d-private-" % (lab.stage.PREFIX, os.getpid()))
+        atexit.register(shutil.rmtree, hidden, True)  # also when interrupted
         programs = {name: shutil.copy(path, hidden) for name, path in lab.built_programs().items()}
         cls.lab = lab.Lab(programs, installed=os.environ.get("RELAYTOOL_ETC_DIR"))
         cls.addClassCleanup(cls.lab.close)
@@ -173,7 +175,7 @@ class Gridftp(unittest.TestCase):
         with open(ep.path("gridftp.conf")) as f:
             text = f.read()
         self.assertTrue(text.startswith("# Written by relaytool-endpoint"), text)
-        self.assertIn('restrict_paths "%s"' % ep.home, text)  # the default share
+        self.assertRegex(text, '\nrestrict_paths "%s"\n' % ep.home)  # the default share
         # each side must present the certificate the relay issued for it
         subjects = ("-ss", self.client["endpoint_subject"], "-ds", far.subject)
 
