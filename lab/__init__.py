@@ -29,8 +29,8 @@ import sys
 from . import gridftp, net
 from .accounts import SETPRIV, Account, OTHER, USER
 from .endpoint import Endpoint
-from .gridftp import SOURCE_PASV, FarSide  # noqa: F401 (SOURCE_PASV: for users of the lab)
-from .process import WAIT, Run, wait_until  # noqa: F401
+from .gridftp import FarSide
+from .process import WAIT, Run, wait_until
 from .stage import Stage
 from .tool import ToolConfig
 
@@ -38,6 +38,7 @@ REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 sys.path.insert(0, os.path.join(REPO, "relay"))
 import sshd_fixture  # noqa: E402
 
+SOURCE_PASV = gridftp.SOURCE_PASV  # for users of the lab
 KEYS = os.path.join(REPO, "tests", "keys")
 # the test authority, whose key is committed: a test package is built to
 # trust it before any relay runs
