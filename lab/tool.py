@@ -6,7 +6,6 @@ output.  It runs as the endpoint's user in the endpoint's namespace."""
 import os
 import re
 import subprocess
-import sys
 
 from . import gridftp
 from .process import Run
@@ -49,8 +48,8 @@ class ToolConfig:
                    HVN_GLOBAL_ETC_DIR=lab.etc_dir, **lab.stage.sanitizer_options(os.environ))
         env.update(mode)
         argv = [lab.programs["tool"]]
-        if via_middle:
-            argv = [sys.executable, "-c", MIDDLE] + argv
+        if via_middle:  # Debian's: what the endpoint's user can run
+            argv = ["/usr/bin/python3", "-c", MIDDLE] + argv
         prefix = lab.stage.path(self.name, "run%d" % len(self.runs))
         run = lab.start(argv, prefix + ".out", prefix + ".err", env=env, stdin=subprocess.PIPE,
                         details=lab.relay.logs, kind=ToolRun)

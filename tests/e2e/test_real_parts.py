@@ -2,11 +2,14 @@
 """The relay tool and relaytool-endpoint made of real parts, on the lab
 (lab/): two network namespaces, Debian's sshd with the reference relay, ssh,
 the watcher, Debian's GridFTP server and client, as the endpoint's user
-from staged copies, under a host name that does not resolve.  One lab per
-class.  Needs root and the Debian packages; without them every test is
-skipped.
+from staged copies, under a host name of the lab's own.  One lab per class.
+Needs root and the Debian packages; without them every test is skipped.
 
     test_real_parts.py [-v] [Class[.test]]
+
+The programs are CTest's (RELAYTOOL_ENDPOINT_BIN, RELAYTOOL_TESTRELAY_BIN,
+PDEATH_BIN) or build/'s; the package check gives its unpacked ones, and
+their etc directory in RELAYTOOL_ETC_DIR.
 """
 
 import atexit
