@@ -48,7 +48,7 @@ def make_file(the_lab, path, size):
     """size bytes: one random block over and over, which is quick to make
     and which nothing on the way compresses."""
     block = os.urandom(BLOCK)
-    the_lab.stage.write(path, b"", owner=the_lab.user)
+    the_lab.user_file(path, b"")
     with open(path, "wb") as f:
         for _ in range(size // BLOCK):
             f.write(block)

@@ -152,6 +152,11 @@ class Lab:
                               input=input, stdin=None if input else subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=timeout)
 
+    def user_file(self, path, data, mode=0o644):
+        """A file of the endpoint's user's, as the user would have made it
+        (in its home, the far side's files, ...): its path."""
+        return self.stage.write(path, data, owner=self.user, mode=mode)
+
     def kill_all(self, ns="endpoint"):
         """Ends every process in namespace ns, such as what a test left."""
         for pid in self.net.pids(ns):

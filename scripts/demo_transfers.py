@@ -124,8 +124,7 @@ def run_demo(the_lab, endpoint):
     far = the_lab.far_side(endpoint.client()["user_dn"])
     print("    far side: port %d, subject %s" % (far.port, far.subject))
 
-    path = the_lab.stage.write(endpoint.home + "/results.dat", os.urandom(3 << 20),
-                               owner=the_lab.user)
+    path = the_lab.user_file(endpoint.home + "/results.dat", os.urandom(3 << 20))
     step("A file out of the endpoint: %s" % path,
          "Control connections: client -> relay port %d -> ssh -> tool -> the"
          % endpoint.forwarded(),
@@ -136,8 +135,7 @@ def run_demo(the_lab, endpoint):
     transfer(endpoint, "results.dat arrived on the far side", endpoint.url(path),
              far.url(far.files + "/results.dat"), path, far.files + "/results.dat")
 
-    upload = the_lab.stage.write(far.files + "/upload.dat", os.urandom(2 << 20),
-                                 owner=the_lab.user)
+    upload = the_lab.user_file(far.files + "/upload.dat", os.urandom(2 << 20))
     step("A file into the endpoint",
          "Here the endpoint is the destination.  By default the destination would",
          "be passive, and its address is the endpoint's own 127.0.0.1, which nobody",

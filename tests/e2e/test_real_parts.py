@@ -68,7 +68,7 @@ class Tool(unittest.TestCase):
         tool = self.lab.tool("setup")
         old = ("anon.cert", "anon.key", "ltacert.pem", "ltakey.pem")
         for name in old:
-            self.lab.stage.write(tool.path(name), "from an earlier generation\n", self.lab.user)
+            self.lab.user_file(tool.path(name), "from an earlier generation\n")
         run, rc = tool.set_up("setup")
         self.assertEqual((rc, run.status_lines()), (0, []), run.report())
         self.assertEqual({n: os.stat(tool.path(n)).st_mode & 0o777 for n in CREDENTIAL_FILES},
@@ -164,9 +164,6 @@ class Gridftp(unittest.TestCase):
     def log(self):
         return self.endpoint.log(self.start)
 
-    def file(self, path, data):
-        return self.lab.stage.write(path, data, owner=self.lab.user)
-
     def assertCopied(self, done, source, dest):
         self.assertEqual(done.returncode, 0, done.stderr + self.log())
         self.assertEqual(sha256_of(source), sha256_of(dest))
@@ -183,7 +180,7 @@ class Gridftp(unittest.TestCase):
         subjects = ("-ss", self.client["endpoint_subject"], "-ds", far.subject)
 
         # out of the endpoint: the far side is passive, the endpoint connects
-        source = self.file(ep.home + "/results.dat", os.urandom(1 << 20))
+        source = self.lab.user_file(ep.home + "/results.dat", os.urandom(1 << 20))
         done = self.copy(ep.url(source), far.url(far.files + "/results.dat"), *subjects)
         self.assertCopied(done, source, far.files + "/results.dat")
         self.assertIn("DN %s successfully authorized" % self.client["user_dn"], self.log())
@@ -193,7 +190,7 @@ class Gridftp(unittest.TestCase):
 
         # into the endpoint: with the switch the far side is passive
         self.start = ep.log_size()
-        source = self.file(far.files + "/input.dat", os.urandom(1 << 20))
+        source = self.lab.user_file(far.files + "/input.dat", os.urandom(1 << 20))
         done = self.copy(far.url(source), ep.url(ep.home + "/input.dat"), "-ss", far.subject,
                          "-ds", self.client["endpoint_subject"], env=SOURCE_PASV)
         self.assertCopied(done, source, ep.home + "/input.dat")
@@ -206,7 +203,7 @@ class Gridftp(unittest.TestCase):
         ep, far = self.endpoint, self.far
         # without the switch the far side is told to connect to the
         # endpoint's passive address, which is the endpoint's own loopback
-        probe = self.file(far.files + "/probe.dat", b"y" * 4096)
+        probe = self.lab.user_file(far.files + "/probe.dat", b"y" * 4096)
         done = self.copy(far.url(probe), ep.url(ep.home + "/in.dat"))
         self.assertNotEqual(done.returncode, 0, done.stdout + done.stderr + self.log() + far.log())
         self.assertIn("Entering Passive Mode (127,0,0,1,", self.log())
@@ -214,7 +211,7 @@ class Gridftp(unittest.TestCase):
         # a client of its own gets the same address and no data; the stall
         # limit only makes it give up sooner
         self.start = ep.log_size()
-        direct = self.file(ep.home + "/direct.dat", b"x" * 4096)
+        direct = self.lab.user_file(ep.home + "/direct.dat", b"x" * 4096)
         done = self.copy(ep.url(direct), "file://%s/client/direct.dat" % ep.root, "-st", "3")
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("the operation was aborted", done.stderr)
@@ -222,7 +219,7 @@ class Gridftp(unittest.TestCase):
 
     def test_clients_the_endpoint_refuses(self):
         ep = self.endpoint
-        url = ep.url(self.file(ep.home + "/secret.dat", b"not for strangers\n"))
+        url = ep.url(self.lab.user_file(ep.home + "/secret.dat", b"not for strangers\n"))
 
         # a certificate from the relay's authority whose subject is not the
         # endpoint's user: the server says why in its log
@@ -249,9 +246,9 @@ class Gridftp(unittest.TestCase):
         cert = relay_ca.Authority.new().issue(relay_ca.make_name(
             *(part.split("=", 1) for part in dn[1:].split("/"))), key, relay_ca.USER_PROFILE)
         directory = self.lab.stage.mkdir("impostor", owner=self.lab.user)
-        return {"cert": self.file(directory + "/cert.pem", relay_ca.cert_pem(cert)),
-                "key": self.lab.stage.write(directory + "/key.pem", relay_ca.private_key_pem(key),
-                                            owner=self.lab.user, mode=0o600)}
+        return {"cert": self.lab.user_file(directory + "/cert.pem", relay_ca.cert_pem(cert)),
+                "key": self.lab.user_file(directory + "/key.pem", relay_ca.private_key_pem(key),
+                                          mode=0o600)}
 
 
 if __name__ == "__main__":

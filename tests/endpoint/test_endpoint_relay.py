@@ -73,7 +73,7 @@ class EndpointThroughRelay(unittest.TestCase):
             self.lab.user.uid, self.lab.user.gid), "tmpfs", ep.config_dir], check=True)
         self.addCleanup(subprocess.run, ["umount", "-l", ep.config_dir])
         # the operator's own configuration: never rewritten
-        self.lab.stage.write(ep.path("gridftp.conf"), "# mine\n", owner=self.lab.user)
+        self.lab.user_file(ep.path("gridftp.conf"), "# mine\n")
         done = ep.setup("full disk")
         self.assertEqual(done.returncode, 0, done.stderr)
         # the tool writes these two again at every start
