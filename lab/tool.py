@@ -4,11 +4,9 @@ activity on it means the parent has gone), status lines read from standard
 output.  It runs as the endpoint's user in the endpoint's namespace."""
 
 import os
-import re
 import subprocess
 
 from . import gridftp
-from .process import Run
 
 STATUS = "RELAYTOOL=1 status="
 # a parent that starts the tool with a standard-input pipe of its own, then sits
@@ -32,10 +30,6 @@ class ToolConfig:
     def path(self, name):
         return os.path.join(self.config_dir, name)
 
-    def read(self, name):
-        with open(self.path(name), "rb") as f:
-            return f.read()
-
     def start(self, via_middle=False, **mode):
         """The tool (or a middle process that starts it) with the settings
         `mode` added."""
@@ -52,7 +46,7 @@ class ToolConfig:
             argv = ["/usr/bin/python3", "-c", MIDDLE] + argv
         prefix = lab.stage.path(self.name, "run%d" % len(self.runs))
         run = lab.start(argv, prefix + ".out", prefix + ".err", env=env, stdin=subprocess.PIPE,
-                        details=lab.relay.logs, kind=ToolRun)
+                        details=lab.relay.logs)
         self.runs.append(run)
         return run
 
@@ -61,13 +55,3 @@ class ToolConfig:
         self.lab.relay.add_code(code)
         run = self.start(HVN_SETUP_CODE=code)
         return run, run.wait_exit()
-
-
-class ToolRun(Run):
-    def status_lines(self):
-        return [line for line in self.lines() if line.startswith(STATUS)]
-
-    def counts(self):
-        """Worker counts of the status lines after the first (IDLE is 0)."""
-        return [int(m.group(2) or 0) if m else line for line in self.status_lines()[1:]
-                for m in [re.fullmatch(STATUS + r"(IDLE|ACTIVE nr_workers=(\d+))", line)]]

@@ -139,7 +139,7 @@ if RELAYTOOL_ENDPOINT_BIN=$scratch/usr/bin/relaytool-endpoint \
    RELAYTOOL_TESTRELAY_BIN=$scratch/usr/libexec/relaytool/relaytool \
    PDEATH_BIN=$scratch/usr/libexec/relaytool/pdeath \
    RELAYTOOL_ETC_DIR=$scratch/etc/relaytool \
-   /usr/bin/python3 tests/e2e/test_real_parts.py Gridftp.test_third_party_transfers_both_ways 2>&1 |
+   /usr/bin/python3 tests/e2e/test_real_parts.py ThroughTheRelay.test_third_party_transfers_both_ways 2>&1 |
    tee "$OUT/testkeys/e2e.log" | tail -n 3
 then :; else fail "setup and transfers both ways with the installed programs"; fi
 
