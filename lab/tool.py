@@ -27,9 +27,6 @@ class ToolConfig:
         self.config_dir = lab.stage.mkdir(name + "/config dir", owner=lab.user)
         self.runs = []
 
-    def path(self, name):
-        return os.path.join(self.config_dir, name)
-
     def start(self, via_middle=False, **mode):
         """The tool (or a middle process that starts it) with the settings
         `mode` added."""
