@@ -8,8 +8,9 @@ whose tests never time anything):
      sleep (link down, the relay's side of the connection gone, then
      logind's PrepareForSleep(false)), once on the same network and once
      with a new address; for this build and for another
-     (--old: a relaytool-endpoint built from an earlier commit), on the same
-     network of two namespaces (tests/netns.py) with the local relay;
+     (--old: a relaytool-endpoint built from an earlier commit), on the
+     lab (lab/: two network namespaces, the local relay, the endpoint's
+     user, the GridFTP server the tool starts);
   2. the supervisor's own wake-ups per second while connected and idle,
      without and with a watchdog, and its resident memory;
   3. the line counts of endpoint/ (--before: a commit to compare with).
@@ -26,26 +27,22 @@ import argparse
 import os
 import re
 import signal
-import socket
 import subprocess
 import sys
 import time
-import unittest
 
 REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-sys.path.insert(0, os.path.join(REPO, "tests", "endpoint"))
-sys.path.insert(0, os.path.join(REPO, "tests"))
+sys.path.insert(0, REPO)
 
-import endpoint_harness  # noqa: E402
-import netns  # noqa: E402
-from endpoint_harness import RelayWorkspace, new_fixture, sshd_fixture  # noqa: E402
-from test_endpoint_network import Logind  # noqa: E402
+import lab  # noqa: E402
+from lab import sshd_fixture  # noqa: E402
+from lab.endpoint import FORWARD  # noqa: E402
 
+# a transfer gets through: the GridFTP server behind the forward greets
 PROBE = """import socket, sys
 s = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 1)
 s.settimeout(1)
-s.sendall(b"GET blob\\n")
-sys.exit(0 if s.makefile("rb").readline().startswith(b"OK") else 1)
+sys.exit(0 if s.makefile("rb").readline().startswith(b"220 ") else 1)
 """
 
 
@@ -57,23 +54,20 @@ def switches(pid):
 
 
 class Bench:
-    def __init__(self, case, limit):
-        self.lab = netns.Lab()
-        case.addCleanup(self.lab.close)
-        self.relay = new_fixture(case, address=self.lab.relay_addr, netns=self.lab.relay)
-        self.ws = RelayWorkspace(case, self.relay)
-        self.logind = Logind(case, self.ws.root)
-        self.env = self.ws.env(DBUS_SYSTEM_BUS_ADDRESS=self.logind.address,
-                               RELAYTOOL_BACKOFF_MIN="1", RELAYTOOL_BACKOFF_MAX="300")
-        self.inside = self.lab.argv(self.lab.endpoint, [])
-        self.limit = limit
-        self.ws.set_up(case, "bench", env=self.env, prefix=self.inside)
+    def __init__(self, the_lab, limit):
+        self.lab, self.limit = the_lab, limit
+        self.logind = the_lab.logind()
+        self.endpoint = the_lab.endpoint(DBUS_SYSTEM_BUS_ADDRESS=self.logind.address,
+                                         RELAYTOOL_BACKOFF_MIN="1", RELAYTOOL_BACKOFF_MAX="300")
+        done = self.endpoint.setup("bench")
+        if done.returncode:
+            raise SystemExit("setup failed: " + done.stdout + done.stderr)
 
     def transfer_works(self):
         """Through the relay's port of the latest forward the endpoint got."""
-        ports = re.findall(r"Allocated port (\d+) for remote forward", self.run.text())
-        return bool(ports) and self.lab.run(self.lab.relay, [sys.executable, "-c", PROBE,
-                                                             ports[-1]]).returncode == 0
+        ports = re.findall(FORWARD, self.endpoint.log())
+        return bool(ports) and self.lab.run(["/usr/bin/python3", "-c", PROBE, ports[-1]],
+                                            ns="relay", account=None).returncode == 0
 
     def until_transfers(self, since):
         """Seconds from `since` until a transfer gets through, or None."""
@@ -83,71 +77,62 @@ class Bench:
             time.sleep(0.1)
         return None
 
-    def start(self, binary):
-        endpoint_harness.ENDPOINT = binary
-        self.run = self.ws.start("run", env=self.env, prefix=self.inside)
+    def start(self, binary, **start):
+        run = self.endpoint.start(program=binary, **start)
         if self.until_transfers(time.monotonic()) is None:
-            raise SystemExit("%s never connected\n%s" % (binary, self.run.report()))
-        return self.run
+            raise SystemExit("%s never connected\n%s" % (binary, run.report()))
+        return run
+
+    def stop(self):
+        self.endpoint.stop()
+        self.lab.kill_all()
 
     def scenarios(self, binary, address):
         """{scenario: seconds} for one build; `address` is the endpoint's
         address to change to."""
-        figures = {}
-        run = self.start(binary)
-        self.lab.set_address(self.lab.endpoint, address)
+        figures, net = {}, self.lab.net
+        self.start(binary)
+        net.set_address("endpoint", address)
         figures["new address"] = self.until_transfers(time.monotonic())
-        self.lab.link(self.lab.endpoint, up=False)
+        net.link("endpoint", up=False)
         time.sleep(5)  # down for a while
-        self.lab.link(self.lab.endpoint, up=True)
+        net.link("endpoint", up=True)
         figures["link down 5 s, up"] = self.until_transfers(time.monotonic())
         for woke_up in ("sleep, resume", "sleep, resume, new address"):
             self.logind.prepare_for_sleep(True)
-            self.lab.link(self.lab.endpoint, up=False)
+            net.link("endpoint", up=False)
             # asleep: the relay's side of the connection goes, and no word of
             # it reaches the endpoint; the second time it wakes up with a new
             # address, as on another network
-            sshd_fixture._signal(sshd_fixture._descendants(self.relay.pid), signal.SIGKILL)
+            sshd_fixture._signal(sshd_fixture._descendants(self.lab.relay.pid), signal.SIGKILL)
             if woke_up.endswith("address"):
-                net, host = address.rsplit(".", 1)
-                self.lab.set_address(self.lab.endpoint, "%s.%d" % (net, int(host) + 10))
+                prefix, host = address.rsplit(".", 1)
+                net.set_address("endpoint", "%s.%d" % (prefix, int(host) + 10))
             time.sleep(5)
-            self.lab.link(self.lab.endpoint, up=True)
+            net.link("endpoint", up=True)
             back = time.monotonic()
             self.logind.prepare_for_sleep(False)
             figures[woke_up] = self.until_transfers(back)
-        run.terminate()
-        run.wait()
-        self.ws.kill_leftovers()
+        self.stop()
         return figures
 
     def idle(self, binary, seconds, watchdog):
         """(wake-ups per second, WATCHDOG=1 per second, resident memory)
         while connected and idle; the watchdog as systemd sets it up for
         WatchdogSec=2."""
-        endpoint_harness.ENDPOINT = "/bin/sh"
-        sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        sock.bind(os.path.join(self.ws.root, "notify-%d" % len(self.ws.runs)))
-        sock.settimeout(0.5)
-        env = dict(self.env, NOTIFY_SOCKET=sock.getsockname())
+        notify = self.lab.notify("notify-%d-%d" % (len(self.lab.procs), watchdog))
+        env = self.endpoint.env(NOTIFY_SOCKET=notify.path)
         if watchdog:
             env["WATCHDOG_USEC"] = "2000000"
-        run = self.run = self.ws.start("-c", 'export WATCHDOG_PID=$$; exec "$0" run', binary,
-                                       env=env, prefix=self.inside)
-        self.until_transfers(time.monotonic())
+        run = self.start(binary, env=env,
+                         wrapper=["/bin/sh", "-c", 'export WATCHDOG_PID=$$; exec "$0" "$@"'])
         time.sleep(2)  # let start-up settle
+        seen = len(notify.messages())
         before, _ = switches(run.pid)
-        pings, start = 0, time.monotonic()
-        while time.monotonic() - start < seconds:  # read, as systemd would
-            try:
-                pings += b"WATCHDOG=1" in sock.recv(4096)
-            except socket.timeout:
-                pass
+        time.sleep(seconds)
         after, rss = switches(run.pid)
-        run.terminate()
-        run.wait()
-        sock.close()
-        self.ws.kill_leftovers()
+        pings = sum("WATCHDOG=1" in m for m in notify.messages()[seen:])
+        self.stop()
         return (after - before) / seconds, pings / seconds, rss
 
 
@@ -168,13 +153,13 @@ def main():
     p.add_argument("--limit", type=float, default=240, help="longest wait for a transfer")
     p.add_argument("--no-scenarios", action="store_true", help="only figures 2 and 3")
     args = p.parse_args()
-    if sshd_fixture.skip_reason() or netns.skip_reason():
-        sys.exit(sshd_fixture.skip_reason() or netns.skip_reason())
-    case = unittest.TestCase()
+    if lab.missing_requirement():
+        sys.exit("the benchmark needs " + lab.missing_requirement())
+    the_lab = lab.Lab(heartbeat=1)
     try:
-        bench = Bench(case, args.limit)
-        builds = [("this build", endpoint_harness.ENDPOINT)]
-        builds += [("old", args.old)] if args.old else []
+        bench = Bench(the_lab, args.limit)
+        builds = [("this build", the_lab.programs["endpoint"])]
+        builds += [("old", the_lab.stage.program(args.old, "old-relaytool-endpoint"))] if args.old else []
         for n, (name, binary) in enumerate([] if args.no_scenarios else builds):
             for scenario, took in bench.scenarios(binary, "10.77.0.%d" % (3 + n)).items():
                 print("%-10s %-27s a transfer gets through again after %s" % (
@@ -187,7 +172,7 @@ def main():
                       "resident %s" % (name, " (WatchdogSec=2)" if watchdog else "", rate,
                                        pings, rss), flush=True)
     finally:
-        case.doCleanups()
+        the_lab.close()
     for commit in (args.before, "HEAD"):
         print("endpoint/ at %s: %d files, %d lines, %d not blank" % ((commit,) + line_counts(commit)))
 

@@ -4,9 +4,9 @@ with the endpoint behind the relay against the same endpoint reached
 directly (needs root and the GridFTP packages; not part of the test suite,
 whose tests never time anything).
 
-The lab is the end-to-end test's (tests/e2e/gridftp_lab.py): the endpoint
-under relaytool-endpoint in a namespace that accepts nothing inbound, the
-relay and a far-side GridFTP server in the other.  Each way, a file of
+The lab (lab/): the endpoint under relaytool-endpoint in a namespace that
+accepts nothing inbound, the relay and a far-side GridFTP server in the
+other.  Each way, a file of
 --size bytes is copied --runs times:
 
   behind the relay  the client's control connection to the endpoint goes
@@ -36,26 +36,26 @@ import threading
 import time
 
 REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
+sys.path.insert(0, REPO)
 
-from gridftp_lab import SERVER, SOURCE_PASV, GridftpLab, skip_reason  # noqa: E402
+import lab  # noqa: E402
+from lab.gridftp import SERVER, SOURCE_PASV  # noqa: E402
 
-BUILD = os.path.join(REPO, "build")
 BLOCK = 64 << 20
 
 
-def make_file(lab, path, size):
+def make_file(the_lab, path, size):
     """size bytes: one random block over and over, which is quick to make
     and which nothing on the way compresses."""
     block = os.urandom(BLOCK)
-    lab.write(path, b"")
+    the_lab.user_file(path, b"")
     with open(path, "wb") as f:
         for _ in range(size // BLOCK):
             f.write(block)
         f.write(block[:size % BLOCK])
 
 
-def timed_copy(lab, source, dest, dest_file, options, env):
+def timed_copy(endpoint, source, dest, dest_file, options, env):
     """(seconds to the end, seconds to the first byte at dest_file)."""
     first = []
 
@@ -72,7 +72,7 @@ def timed_copy(lab, source, dest, dest_file, options, env):
     watcher = threading.Thread(target=watch)
     start = time.monotonic()
     watcher.start()
-    result = lab.copy(source, dest, *options, env=env)
+    result = endpoint.copy(source, dest, *options, env=env)
     end = time.monotonic()
     done.set()
     watcher.join()
@@ -81,37 +81,38 @@ def timed_copy(lab, source, dest, dest_file, options, env):
     return end - start, (first[0] if first else end) - start
 
 
-def direct_server(lab):
+def direct_server(the_lab, endpoint):
     """A GridFTP daemon in the endpoint's namespace with the configuration
     relaytool-endpoint wrote; returns a URL maker for it."""
-    conf = os.path.join(lab.config_dir, "gridftp.conf")
-    server = lab.spawn([SERVER, "-c", conf], lab.lab.endpoint, {"PATH": "/usr/bin:/bin"},
-                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    server = the_lab.spawn([SERVER, "-c", endpoint.path("gridftp.conf")],
+                           env={"PATH": "/usr/bin:/bin"}, stdout=subprocess.PIPE,
+                           stderr=subprocess.DEVNULL, text=True)
     port = int(server.stdout.readline().strip().rsplit(":", 1)[1])
-    return lambda path: "gsiftp://%s:%d%s" % (lab.lab.endpoint_addr, port, path)
+    return lambda path: "gsiftp://%s:%d%s" % (the_lab.net.endpoint_addr, port, path)
 
 
-def measure(lab, size, runs):
+def measure(the_lab, endpoint, far, size, runs):
     """{(mode, way): [(seconds, seconds to the first byte)]}, the modes
     taking turns so that a busy moment of the machine hits both alike."""
     # one file under two names, one on each side
-    data = lab.home + "/bench.dat"
-    make_file(lab, data, size)
-    os.link(data, lab.remote_files + "/bench.dat")
-    subject = lab.client["endpoint_subject"]  # the direct name is not on the certificate
-    modes = {"behind the relay": lab.endpoint_url, "direct": direct_server(lab)}
-    samples, blocked = {}, True  # as the lab starts
+    data = endpoint.home + "/bench.dat"
+    make_file(the_lab, data, size)
+    os.link(data, far.files + "/bench.dat")
+    subject = endpoint.client()["endpoint_subject"]  # the direct name is not on the certificate
+    modes = {"behind the relay": endpoint.url, "direct": direct_server(the_lab, endpoint)}
+    samples, blocked, net = {}, True, the_lab.net  # as the lab starts
     for _ in range(runs):
-        for mode, endpoint in modes.items():
+        for mode, url in modes.items():
             if blocked == (mode == "direct"):  # the inbound rule only for the relay
-                (lab.lab.allow_inbound if blocked else lab.lab.block_inbound)(lab.lab.endpoint)
+                (net.allow_inbound if blocked else net.block_inbound)("endpoint")
                 blocked = not blocked
             for way, source, dest, dest_file, options, env in (
-                    ("out of the endpoint", endpoint(data), lab.remote_url(lab.remote_files + "/got"),
-                     lab.remote_files + "/got", ["-ss", subject], None),
-                    ("into the endpoint", lab.remote_url(lab.remote_files + "/bench.dat"),
-                     endpoint(lab.home + "/got"), lab.home + "/got", ["-ds", subject], SOURCE_PASV)):
-                took, first = timed_copy(lab, source, dest, dest_file, options, env)
+                    ("out of the endpoint", url(data), far.url(far.files + "/got"),
+                     far.files + "/got", ["-ss", subject], None),
+                    ("into the endpoint", far.url(far.files + "/bench.dat"),
+                     url(endpoint.home + "/got"), endpoint.home + "/got", ["-ds", subject],
+                     SOURCE_PASV)):
+                took, first = timed_copy(endpoint, source, dest, dest_file, options, env)
                 samples.setdefault((mode, way), []).append((took, first))
                 os.unlink(dest_file)
                 print("    %-17s %-19s %6.2f s, first byte after %.3f s"
@@ -127,23 +128,22 @@ def main():
                    help="where the lab and its files live (default /dev/shm: the "
                         "file and one copy at a time must fit in memory)")
     args = p.parse_args()
-    if skip_reason():
-        raise SystemExit(skip_reason())
+    if lab.missing_requirement():
+        raise SystemExit("the benchmark needs " + lab.missing_requirement())
     # in memory, so that the disk's write-back does not decide the figures
     tempfile.tempdir = args.dir
-    lab = GridftpLab(os.path.join(BUILD, "endpoint", "relaytool-endpoint"),
-                     os.path.join(BUILD, "tests", "relaytool-testrelay"),
-                     os.path.join(BUILD, "pdeath", "pdeath"))
+    the_lab = lab.Lab()
     try:
-        if lab.set_up("bench").returncode:
+        endpoint = the_lab.endpoint()
+        if endpoint.setup("bench").returncode:
             raise SystemExit("setup failed")
-        lab.run_endpoint()
-        lab.start_remote()
+        endpoint.start_idle()
+        far = the_lab.far_side(endpoint.client()["user_dn"])
         print("%d-byte third-party transfers, %d cores, %s"
               % (args.size, os.cpu_count(), time.strftime("%Y-%m-%d %H:%M")))
-        samples = measure(lab, args.size, args.runs)
+        samples = measure(the_lab, endpoint, far, args.size, args.runs)
     finally:
-        lab.close()
+        the_lab.close()
     # The machine is shared: another busy process only ever slows a run
     # down, so the best run is shown beside the median.
     rate = {key: [args.size / s[0] / 1e6 for s in runs] for key, runs in samples.items()}

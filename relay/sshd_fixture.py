@@ -258,7 +258,7 @@ class RelayFixture:
     relay_options: extra relay_server.py options, e.g. ["--challenge",
         "percent"]; heartbeat is a shortcut for --heartbeat.
     address, netns: sshd listens on address inside the network namespace
-        netns (made by the caller, e.g. tests/netns.py) instead of on
+        netns (made by the caller, e.g. the lab's, lab/net.py) instead of on
         127.0.0.1 in ours; forwarded ports then live in that namespace.
     authority: (certificate file, key file) of the authority a new
         directory gets instead of a fresh one, such as the test authority

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """The second half of scripts/demo.sh: an endpoint behind the local relay
 serves files with Debian's GridFTP server, and Debian's client moves one
-file each way with certificates.  Built from tests/e2e/gridftp_lab.py (two
-network namespaces, the relay, relaytool-endpoint, a far-side server) and
-taken down again at the end, namespaces included.  Needs root.
+file each way with certificates.  Built on the lab (lab/: two network
+namespaces, the relay, relaytool-endpoint, a far-side server) and taken
+down again at the end, namespaces included.  Needs root.
 
     demo_transfers.py BUILD_DIR
 """
@@ -11,14 +11,12 @@ taken down again at the end, namespaces included.  Needs root.
 import hashlib
 import os
 import re
-import signal
 import sys
 
 REPO = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
+sys.path.insert(0, REPO)
 
-import gridftp_lab  # noqa: E402
-from gridftp_lab import ACCOUNT, SOURCE_PASV, GridftpLab  # noqa: E402
+import lab  # noqa: E402
 
 STEP = [3]
 
@@ -40,20 +38,21 @@ def sha256_of(path):
         return hashlib.sha256(f.read()).hexdigest()
 
 
-def endpoint_log(lab, start, pattern):
+def endpoint_log(endpoint, start, pattern):
     """The endpoint's log lines since `start` that match pattern."""
-    return "\n".join(line for line in lab.log(start).splitlines() if re.search(pattern, line))
+    return "\n".join(line for line in endpoint.log(start).splitlines() if re.search(pattern, line))
 
 
-def transfer(lab, title, source, dest, source_file, dest_file, env=None):
-    start = lab.log_size()
-    done = lab.copy(source, dest, "-v", env=env)
+def transfer(endpoint, title, source, dest, source_file, dest_file, env=None):
+    start = endpoint.log_size()
+    done = endpoint.copy(source, dest, "-v", env=env)
     show("client", done.stdout + done.stderr)
     if done.returncode:
-        raise SystemExit("globus-url-copy failed (status %d)\n%s" % (done.returncode, lab.log(start)))
-    lab.wait_log(r"^state: idle$", start)
-    show("endpoint", endpoint_log(lab, start, r"^state: |authorized\.|\[CLIENT\]: (PORT|PASV|RETR|STOR)"
-                                              r"|\[SERVER\]: (227|226)"))
+        raise SystemExit("globus-url-copy failed (status %d)\n%s"
+                         % (done.returncode, endpoint.log(start)))
+    endpoint.wait_log(r"^state: idle$", start)
+    show("endpoint", endpoint_log(endpoint, start, r"^state: |authorized\.|\[CLIENT\]: "
+                                  r"(PORT|PASV|RETR|STOR)|\[SERVER\]: (227|226)"))
     want, got = sha256_of(source_file), sha256_of(dest_file)
     print("    %s: sha256 %s... %s" % (title, got[:16], "matches" if got == want else "DIFFERS"))
     if got != want:
@@ -61,8 +60,7 @@ def transfer(lab, title, source, dest, source_file, dest_file, env=None):
 
 
 def main(build):
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(130))
-    missing = gridftp_lab.missing_requirement()
+    missing = lab.missing_requirement()
     if missing:
         raise SystemExit("the demo needs " + missing)
     step("A network of two namespaces",
@@ -70,38 +68,36 @@ def main(build):
          "The endpoint accepts no incoming connection (an nftables rule): only",
          "replies to connections it opens itself come in, as behind a home router.",
          "Then the local relay starts in 'relay': Debian's sshd with the reference",
-         "relay as the only login, and the relay's own certificate authority.")
-    lab = GridftpLab(os.path.join(build, "endpoint", "relaytool-endpoint"),
-                     os.path.join(build, "tests", "relaytool-testrelay"),
-                     os.path.join(build, "pdeath", "pdeath"), authority=None)
+         "relay as the only login, and the relay's own certificate authority.",
+         "What the endpoint's user runs is copied into a directory of the demo's.")
+    the_lab = lab.Lab(lab.built_programs(build), authority=None)
+    endpoint = the_lab.endpoint()
     try:
-        run_demo(lab)
+        run_demo(the_lab, endpoint)
     finally:
         step("Tearing down",
              "relaytool-endpoint gets SIGTERM, closes the tool's standard input and",
              "exits 0; the servers, the relay and both namespaces are removed.")
-        endpoint = getattr(lab, "endpoint", None)
-        if endpoint and endpoint.poll() is None:
-            endpoint.terminate()
-            print("    relaytool-endpoint exited with status %d" % endpoint.wait(30))
-        lab.close()
-        print("    done; the account %s stays on the system (userdel to remove it)" % ACCOUNT)
+        if endpoint.run and endpoint.run.poll() is None:
+            print("    relaytool-endpoint exited with status %d" % endpoint.stop())
+        the_lab.close()
+        print("    done; the account %s stays on the system (userdel to remove it)" % lab.USER)
 
 
-def run_demo(lab):
-    relay = lab.relay
+def run_demo(the_lab, endpoint):
+    relay = the_lab.relay
     print("    relay: sshd at %s:%d; authority trust directory for everyone: %s"
-          % (lab.lab.relay_addr, relay.port, relay.trust_dir))
+          % (relay.address, relay.port, relay.trust_dir))
     print("    (%s)" % ", ".join(sorted(os.listdir(relay.trust_dir))))
 
     code = "demo-" + os.urandom(4).hex()
-    step("Setup, as the endpoint's user %s in 'endpoint'" % ACCOUNT,
+    step("Setup, as the endpoint's user %s in 'endpoint'" % lab.USER,
          "relaytool-endpoint setup, the code %s on its standard input (never on a" % code,
          "command line, where every user could read it): the tool logs in over ssh with the",
          "installation's anonymous key, trades the code for credentials and writes",
          "them: the endpoint's certificate and key from the relay's authority, and",
-         "a gridmap that maps the relay user's certificate subject to %s." % ACCOUNT)
-    done = lab.set_up(code)
+         "a gridmap that maps the relay user's certificate subject to %s." % lab.USER)
+    done = endpoint.setup(code)
     show("relaytool-endpoint", done.stdout + done.stderr)
     if done.returncode:
         raise SystemExit("setup failed (status %d)" % done.returncode)
@@ -112,46 +108,44 @@ def run_demo(lab):
          "relay's 127.0.0.1 leads, through ssh, to the tool's own listener, which",
          "starts one GridFTP server per connection.  RELAYTOOL_TRUST_DIR names the",
          "relay's trust directory (this build was given no authority).")
-    lab.run_endpoint()
-    conf = lab.read("config dir", "gridftp.conf")
-    show("gridftp.conf", "\n".join(line for line in conf.splitlines()
-                                   if line and not line.startswith("#")))
-    show("endpoint", endpoint_log(lab, 0, r"^relaytool-endpoint: |^state: "))
+    endpoint.start_idle()
+    with open(endpoint.path("gridftp.conf")) as f:
+        show("gridftp.conf", "\n".join(line for line in f.read().splitlines()
+                                       if line and not line.startswith("#")))
+    show("endpoint", endpoint_log(endpoint, 0, r"^relaytool-endpoint: |^state: "))
     print("    the relay forwards its port %d; status --json says: %s"
-          % (lab.forwarded, lab.status()[1]["state"]))
+          % (endpoint.forwarded(), endpoint.status()[1]["state"]))
 
-    step("The far side: a second GridFTP server in 'relay' at %s" % lab.lab.relay_addr,
+    step("The far side: a second GridFTP server in 'relay' at %s" % relay.address,
          "with a certificate from the same authority, serving files to the same",
-         "user.  globus-url-copy, run as %s in 'relay' with the user's" % ACCOUNT,
+         "user.  globus-url-copy, run as %s in 'relay' with the user's" % lab.USER,
          "certificate and key (copies it owns: sshd_fixture.py client-credentials",
          "--for), orchestrates third-party transfers between the two servers.")
-    lab.start_remote()
-    print("    far side: port %d, subject %s" % (lab.remote_port, lab.remote_subject))
+    far = the_lab.far_side(endpoint.client()["user_dn"])
+    print("    far side: port %d, subject %s" % (far.port, far.subject))
 
-    path = os.path.join(lab.home, "results.dat")
-    lab.write(path, os.urandom(3 << 20))
+    path = the_lab.user_file(endpoint.home + "/results.dat", os.urandom(3 << 20))
     step("A file out of the endpoint: %s" % path,
-         "Control connections: client -> relay port %d -> ssh -> tool -> the" % lab.forwarded,
+         "Control connections: client -> relay port %d -> ssh -> tool -> the"
+         % endpoint.forwarded(),
          "endpoint's server, and client -> far side.  Both servers check the user's",
          "certificate against the relay's authority and their gridmap.  For the data,",
          "the far side (destination) is passive and the endpoint's server (source)",
          "connects out to it: PORT 10,77,0,1,... below.")
-    transfer(lab, "results.dat arrived on the far side", lab.endpoint_url(path),
-             lab.remote_url(lab.remote_files + "/results.dat"), path,
-             lab.remote_files + "/results.dat")
+    transfer(endpoint, "results.dat arrived on the far side", endpoint.url(path),
+             far.url(far.files + "/results.dat"), path, far.files + "/results.dat")
 
-    far = os.path.join(lab.remote_files, "upload.dat")
-    lab.write(far, os.urandom(2 << 20))
+    upload = the_lab.user_file(far.files + "/upload.dat", os.urandom(2 << 20))
     step("A file into the endpoint",
          "Here the endpoint is the destination.  By default the destination would",
          "be passive, and its address is the endpoint's own 127.0.0.1, which nobody",
          "else can reach.  GLOBUS_FTP_CLIENT_SOURCE_PASV=1 in the client's",
          "environment makes the source (the far side) passive instead, so again the",
          "endpoint's server opens the data connection.")
-    transfer(lab, "upload.dat arrived on the endpoint", lab.remote_url(far),
-             lab.endpoint_url(lab.home + "/upload.dat"), far, lab.home + "/upload.dat",
-             env=SOURCE_PASV)
-    print("    state now: %s" % lab.status()[1]["state"])
+    transfer(endpoint, "upload.dat arrived on the endpoint", far.url(upload),
+             endpoint.url(endpoint.home + "/upload.dat"), upload, endpoint.home + "/upload.dat",
+             env=lab.SOURCE_PASV)
+    print("    state now: %s" % endpoint.status()[1]["state"])
 
 
 if __name__ == "__main__":

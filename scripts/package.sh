@@ -12,9 +12,10 @@
 #      key and the test authority (never shipped): unpacked into a scratch
 #      root with dpkg-deb -x, its relaytool-endpoint, relaytool, pdeath and
 #      trust directory set an endpoint up and serve files with Debian's
-#      GridFTP server through the local relay, both ways (the real sshd, ssh
-#      and GridFTP server and client in network namespaces; needs root,
-#      otherwise this part is skipped and says so).
+#      GridFTP server through the local relay, both ways (on the lab, lab/,
+#      which copies them where the endpoint's user can reach them: the real
+#      sshd, ssh and GridFTP server and client in network namespaces; needs
+#      root, otherwise this part is skipped and says so).
 #
 # Usage: scripts/package.sh [--build-only]
 #   --build-only  just build the package as shipped (step 1 without checks)
@@ -127,7 +128,6 @@ build_package testkeys "-DRELAY_KEYS_FILE=$REPO/tests/keys/test_relay_keys.txt -
 scratch=$OUT/testkeys/root
 rm -rf "$scratch"
 dpkg-deb -x "$DEB" "$scratch"
-chmod 755 "$OUT" "$OUT/testkeys" "$scratch"  # the relay's own account reads nothing here, but ssh checks paths
 key_mode=$(stat -c %a "$scratch/etc/relaytool/relay-anonymous.key")
 [[ $key_mode == 644 ]] || fail "relay-anonymous.key has mode $key_mode, not 644"
 hash=$(openssl x509 -in tests/keys/relay_authority.pem -noout -subject_hash)
@@ -139,7 +139,7 @@ if RELAYTOOL_ENDPOINT_BIN=$scratch/usr/bin/relaytool-endpoint \
    RELAYTOOL_TESTRELAY_BIN=$scratch/usr/libexec/relaytool/relaytool \
    PDEATH_BIN=$scratch/usr/libexec/relaytool/pdeath \
    RELAYTOOL_ETC_DIR=$scratch/etc/relaytool \
-   python3 tests/e2e/test_gridftp.py GridftpThroughRelay.test_third_party_transfers_both_ways 2>&1 |
+   /usr/bin/python3 tests/e2e/test_real_parts.py ThroughTheRelay.test_third_party_transfers_both_ways 2>&1 |
    tee "$OUT/testkeys/e2e.log" | tail -n 3
 then :; else fail "setup and transfers both ways with the installed programs"; fi
 

@@ -1,0 +1,133 @@
+#!/usr/bin/python3
+"""The relay tool and relaytool-endpoint made of real parts, on the lab
+(lab/): two network namespaces, Debian's sshd with the reference relay, ssh,
+the watcher, Debian's GridFTP server and client, as the endpoint's user
+from staged copies, under a host name of the lab's own.  Needs root and the
+Debian packages; without them every test is skipped.
+
+The programs are CTest's (RELAYTOOL_ENDPOINT_BIN, RELAYTOOL_TESTRELAY_BIN,
+PDEATH_BIN) or build/'s; the package check gives its unpacked ones, and
+their etc directory in RELAYTOOL_ETC_DIR.
+"""
+
+import atexit
+import hashlib
+import os
+import re
+import shutil
+import sys
+import tempfile
+import unittest
+
+REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
+sys.path.insert(0, REPO)
+
+import lab  # noqa: E402
+from lab import SOURCE_PASV, gridftp, wait_until  # noqa: E402
+from lab.process import children, command_name  # noqa: E402
+from lab.tool import STATUS  # noqa: E402
+
+SKIP = lab.skip_reason()
+
+
+def sha256_of(path):
+    with open(path, "rb") as f:
+        return hashlib.sha256(f.read()).hexdigest()
+
+
+@unittest.skipIf(SKIP, SKIP)
+class ThroughTheRelay(unittest.TestCase):
+    """One lab, with an endpoint set up and running and a far side.  The
+    programs come from a directory that only root may enter, as a checkout
+    in root's home is: the lab must stage them."""
+
+    @classmethod
+    def setUpClass(cls):
+        # mode 0700; named so that a later lab sweeps it after a kill
+        hidden = tempfile.mkdtemp(prefix="%s%d-private-" % (lab.stage.PREFIX, os.getpid()))
+        atexit.register(shutil.rmtree, hidden, True)  # also when interrupted
+        programs = {name: shutil.copy(path, hidden) for name, path in lab.built_programs().items()}
+        cls.lab = lab.Lab(programs, installed=os.environ.get("RELAYTOOL_ETC_DIR"), heartbeat=1)
+        cls.addClassCleanup(cls.lab.close)
+        cls.endpoint = cls.lab.endpoint()
+        done = cls.endpoint.setup("gridftp")
+        if done.returncode:
+            raise AssertionError("setup failed: " + done.stdout + done.stderr)
+        cls.endpoint.start_idle()
+        cls.client = cls.endpoint.client()
+        cls.far = cls.lab.far_side(cls.client["user_dn"])
+
+    def copy(self, source, dest, *options, **kw):
+        start = self.endpoint.log_size()
+        done = self.endpoint.copy(source, dest, *options, **kw)
+        self.endpoint.wait_log(r"^state: idle$", start)  # the worker has ended
+        return done, self.endpoint.log(start)
+
+    def assertCopied(self, done, log, source, dest):
+        self.assertEqual(done.returncode, 0, done.stderr + log)
+        self.assertEqual(sha256_of(source), sha256_of(dest))
+        self.assertEqual(re.findall(r"^state: (active, \d+ workers?|idle)$", log, re.M),
+                         ["active, 1 worker", "idle"])
+        # the far side is passive, the endpoint's server connects to its address
+        self.assertRegex(log, r"\[CLIENT\]: PORT 10,77,0,1,")
+        self.assertIn("DN %s successfully authorized" % self.client["user_dn"], log)
+
+    def test_third_party_transfers_both_ways(self):
+        ep, far = self.endpoint, self.far
+        with open(ep.path("gridftp.conf")) as f:
+            text = f.read()
+        self.assertTrue(text.startswith("# Written by relaytool-endpoint"), text)
+        self.assertRegex(text, '\nrestrict_paths "%s"\n' % ep.home)  # the default share
+        # each side must present the certificate the relay issued for it
+        subjects = ("-ss", self.client["endpoint_subject"], "-ds", far.subject)
+
+        # out of the endpoint: the default of the client
+        source = self.lab.user_file(ep.home + "/results.dat", os.urandom(1 << 20))
+        done, log = self.copy(ep.url(source), far.url(far.files + "/results.dat"), *subjects)
+        self.assertCopied(done, log, source, far.files + "/results.dat")
+        self.assertNotRegex(log, r"\[CLIENT\]: DCAU N")  # the default: authenticated
+        self.assertIn("DN %s successfully authorized" % self.client["user_dn"], far.log())
+
+        # into the endpoint: with the switch the far side is passive
+        source = self.lab.user_file(far.files + "/input.dat", os.urandom(1 << 20))
+        done, log = self.copy(far.url(source), ep.url(ep.home + "/input.dat"), "-ss", far.subject,
+                              "-ds", self.client["endpoint_subject"], env=SOURCE_PASV)
+        self.assertCopied(done, log, source, ep.home + "/input.dat")
+        self.assertEqual(os.stat(ep.home + "/input.dat").st_uid, self.lab.user.uid)
+        rc, status = ep.status()
+        self.assertEqual((rc, status["state"], status["workers"]), (0, "idle", 0), status)
+
+    def test_the_watcher_ends_ssh_when_the_tool_goes(self):
+        # The tool run directly, as its parent runs it.  Each case holds a
+        # transfer open, as a parent that dies in the middle of one would
+        # leave it: OpenSSH keeps running while a forwarded connection is
+        # open, even without its standard input, so only the watcher ends it.
+        tool = self.lab.tool("parent")
+        run, rc = tool.set_up("parent")
+        self.assertEqual(rc, 0, run.report())
+        for case in ("close stdin", "kill parent", "kill tool"):
+            run = tool.start(HVN_FTP_PORT="0", via_middle=case == "kill parent")
+            pid = run.pid
+            if case == "kill parent":
+                pid = int(run.wait_line(r"^middle: tool pid=(\d+)$", "out").group(1))
+            port = run.wait_line(r"^\[ssh stderr\] Allocated port (\d+) for remote forward to "
+                                 r"127\.0\.0\.1:\d+$").group(1)
+            _, greeting = gridftp.hold(self.lab, port)
+            self.assertRegex(greeting, r"^220 .*GridFTP Server")
+            run.wait_line("^" + STATUS + "ACTIVE nr_workers=1$", "out")
+            ssh = [p for p in children(pid) if command_name(p) == "ssh"]  # pdeath execs it
+            self.assertEqual(len(ssh), 1, run.report())
+            if case == "close stdin":
+                run.stdin.close()
+                self.assertEqual(run.wait_exit(), 1, run.report())
+            else:
+                run.kill()
+                run.wait()
+            self.assertTrue(wait_until(lambda: not {pid, ssh[0]} & set(self.lab.net.pids(
+                "endpoint"))), case + "\n" + run.report())
+
+
+if __name__ == "__main__":
+    if SKIP:
+        print(SKIP, file=sys.stderr)
+    unittest.main()
