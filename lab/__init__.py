@@ -168,10 +168,10 @@ class Lab:
 
     # -- the parts
 
-    def endpoint(self, name="endpoint", **settings):
+    def endpoint(self, name="endpoint", config_in_home=False, **settings):
         """relaytool-endpoint for a new endpoint; settings add to its
         environment (None removes one)."""
-        return Endpoint(self, name, settings)
+        return Endpoint(self, name, settings, config_in_home)
 
     def tool(self, name="tool"):
         """A configuration for the tool run directly, as its parent would."""

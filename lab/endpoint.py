@@ -14,12 +14,19 @@ FORWARD = r"Allocated port (\d+) for remote forward"
 
 
 class Endpoint:
-    def __init__(self, lab, name, settings):
+    """config_in_home: the configuration directory where an operator's is,
+    ~/.config/relaytool, inside what is served by default."""
+
+    def __init__(self, lab, name, settings, config_in_home=False):
         self.lab, self.account = lab, lab.user
         self.root = lab.stage.mkdir(name, mode=0o755)
         self.home = lab.stage.mkdir(name + "/home", owner=self.account)
-        # with a blank, as the tool must pass paths to ssh and the server
-        self.config_dir = lab.stage.mkdir(name + "/config dir", owner=self.account)
+        if config_in_home:
+            lab.stage.mkdir(name + "/home/.config", owner=self.account)
+        # elsewhere with a blank, as the tool must pass paths to ssh and the server
+        self.config_dir = lab.stage.mkdir(
+            name + ("/home/.config/relaytool" if config_in_home else "/config dir"),
+            owner=self.account)
         self.log_path = lab.stage.path(name, "endpoint.log")
         self.out_path = lab.stage.path(name, "endpoint.out")
         self.run, self.credentials = None, None

@@ -10,10 +10,12 @@ if(NOT TEST_PYTHON)
   find_program(TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 endif()
 
-add_test(NAME relaytool_end_to_end
-         COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/e2e/test_real_parts.py -v)
-set_tests_properties(relaytool_end_to_end PROPERTIES
-  ENVIRONMENT "RELAYTOOL_ENDPOINT_BIN=$<TARGET_FILE:relaytool-endpoint>;RELAYTOOL_TESTRELAY_BIN=$<TARGET_FILE:relaytool-testrelay>;PDEATH_BIN=$<TARGET_FILE:pdeath>"
-  LABELS e2e
-  TIMEOUT 300
-  SKIP_REGULAR_EXPRESSION "real end-to-end tests skipped")
+foreach(name real_parts endpoint_relay)
+  add_test(NAME e2e_${name}
+           COMMAND ${TEST_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/e2e/test_${name}.py -v)
+  set_tests_properties(e2e_${name} PROPERTIES
+    ENVIRONMENT "RELAYTOOL_ENDPOINT_BIN=$<TARGET_FILE:relaytool-endpoint>;RELAYTOOL_TESTRELAY_BIN=$<TARGET_FILE:relaytool-testrelay>;PDEATH_BIN=$<TARGET_FILE:pdeath>"
+    LABELS e2e
+    TIMEOUT 300
+    SKIP_REGULAR_EXPRESSION "real end-to-end tests skipped")
+endforeach()

@@ -17,6 +17,8 @@ import re
 import shutil
 import sys
 import tempfile
+import threading
+import time
 import unittest
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
@@ -24,6 +26,7 @@ sys.path.insert(0, REPO)
 
 import lab  # noqa: E402
 from lab import SOURCE_PASV, gridftp, wait_until  # noqa: E402
+from lab.endpoint import FORWARD  # noqa: E402
 from lab.process import children, command_name  # noqa: E402
 from lab.tool import STATUS  # noqa: E402
 
@@ -49,7 +52,15 @@ class ThroughTheRelay(unittest.TestCase):
         programs = {name: shutil.copy(path, hidden) for name, path in lab.built_programs().items()}
         cls.lab = lab.Lab(programs, installed=os.environ.get("RELAYTOOL_ETC_DIR"), heartbeat=1)
         cls.addClassCleanup(cls.lab.close)
-        cls.endpoint = cls.lab.endpoint()
+        cls.logind = cls.lab.logind()
+        # the whole home, with the configuration directory where an
+        # operator's is, and one folder read-only
+        home = cls.lab.stage.path("endpoint", "home")
+        cls.endpoint = cls.lab.endpoint(config_in_home=True,
+                                        RELAYTOOL_SHARED_DIRS=home + ":%s/results:ro" % home,
+                                        DBUS_SYSTEM_BUS_ADDRESS=cls.logind.address)
+        for name in ("results", ".ssh"):
+            cls.lab.stage.mkdir("endpoint/home/" + name, owner=cls.lab.user)
         done = cls.endpoint.setup("gridftp")
         if done.returncode:
             raise AssertionError("setup failed: " + done.stdout + done.stderr)
@@ -77,12 +88,12 @@ class ThroughTheRelay(unittest.TestCase):
         with open(ep.path("gridftp.conf")) as f:
             text = f.read()
         self.assertTrue(text.startswith("# Written by relaytool-endpoint"), text)
-        self.assertRegex(text, '\nrestrict_paths "%s"\n' % ep.home)  # the default share
+        self.assertIn('\nrestrict_paths "%s,' % ep.home, text)
         # each side must present the certificate the relay issued for it
         subjects = ("-ss", self.client["endpoint_subject"], "-ds", far.subject)
 
-        # out of the endpoint: the default of the client
-        source = self.lab.user_file(ep.home + "/results.dat", os.urandom(1 << 20))
+        # out of the endpoint (a read-only folder): the default of the client
+        source = self.lab.user_file(ep.home + "/results/r.dat", os.urandom(1 << 20))
         done, log = self.copy(ep.url(source), far.url(far.files + "/results.dat"), *subjects)
         self.assertCopied(done, log, source, far.files + "/results.dat")
         self.assertNotRegex(log, r"\[CLIENT\]: DCAU N")  # the default: authenticated
@@ -96,6 +107,95 @@ class ThroughTheRelay(unittest.TestCase):
         self.assertEqual(os.stat(ep.home + "/input.dat").st_uid, self.lab.user.uid)
         rc, status = ep.status()
         self.assertEqual((rc, status["state"], status["workers"]), (0, "idle", 0), status)
+        # the history, as the server recorded each transfer
+        self.assertEqual([(t["direction"], t["path"], t["bytes"], t["subject"], t["outcome"])
+                          for t in status["transfers"][-2:]],
+                         [("sent", ep.home + "/results/r.dat", 1 << 20, self.client["user_dn"],
+                           "ok"), ("received", ep.home + "/input.dat", 1 << 20,
+                                   self.client["user_dn"], "ok")])
+
+    def test_secrets_are_never_served_and_read_only_folders_stay_as_they_are(self):
+        ep, far = self.endpoint, self.far
+        into_far = far.url(far.files + "/taken")
+        # neither the private stores nor the endpoint's own key, also not
+        # through a link inside the share
+        key = self.lab.user_file(ep.home + "/.ssh/id_rsa", "private\n", mode=0o600)
+        os.symlink(ep.home + "/.ssh", ep.home + "/keys")
+        for secret in (key, ep.home + "/keys/id_rsa", ep.path("ftp-key2.pem")):
+            self.assertNotEqual(self.copy(ep.url(secret), into_far)[0].returncode, 0, secret)
+            # the far side may have made the file before the refusal
+            with open(far.files + "/taken", "a+b") as taken:
+                taken.seek(0)
+                self.assertEqual(taken.read(), b"", secret)
+        # nothing comes into them or into a read-only folder, not even a new
+        # folder; a writable one takes both
+        source = far.url(self.lab.user_file(far.files + "/in.dat", os.urandom(4096)))
+        for dest, made in ((ep.home + "/.ssh/authorized_keys", False),
+                           (ep.home + "/results/in.dat", False),
+                           (ep.home + "/results/new/in.dat", False),
+                           (ep.home + "/new/in.dat", True)):
+            done, log = self.copy(source, ep.url(dest), "-cd", env=SOURCE_PASV)
+            self.assertEqual((done.returncode == 0, os.path.exists(dest)), (made, made),
+                             dest + done.stderr + log)
+        self.assertFalse(os.path.exists(ep.home + "/results/new"))
+
+    def test_network_blip_address_change_and_resume(self):
+        ep, far, net = self.endpoint, self.far, self.lab.net
+        tools = [ep.wait_state(lambda s: s["state"] == "idle", "idle")["tool_pid"]]
+        # A transfer in flight over a slow link that is down for three
+        # seconds: the same address comes back and the tool is left alone.
+        net.shape("endpoint", "16mbit")
+        self.addCleanup(net.shape, "endpoint", None)
+        source = self.lab.user_file(ep.home + "/big.dat", os.urandom(6 << 20))
+        start, copied = ep.log_size(), {}
+        copier = threading.Thread(target=lambda: copied.update(done=self.copy(
+            ep.url(source), far.url(far.files + "/big.dat"))[0]))
+        copier.start()
+        self.assertTrue(wait_until(lambda: os.path.exists(far.files + "/big.dat") and
+                                   os.path.getsize(far.files + "/big.dat") > 0), ep.details())
+        net.link("endpoint", up=False)
+        time.sleep(3)
+        net.link("endpoint", up=True)
+        copier.join()
+        self.assertEqual(copied["done"].returncode, 0, copied["done"].stderr + ep.log(start))
+        self.assertEqual(sha256_of(source), sha256_of(far.files + "/big.dat"))
+        self.assertNotIn("starting the tool again", ep.log(start))
+        self.assertEqual(ep.state()["tool_pid"], tools[0])
+
+        # a new address or a resume: a new tunnel at once, without a failure
+        def connected_again(reason):
+            state = ep.wait_state(lambda s: s["state"] == "idle" and s["tool_pid"] not in tools,
+                                  "idle with a new tool after: " + reason)
+            tools.append(state["tool_pid"])
+            self.assertIn(reason, ep.log(start), ep.details())
+            self.assertIsNone(state["last_failure"], ep.details())  # no back-off
+
+        net.set_address("endpoint", "10.77.0.3")
+        connected_again("the local address for the relay changed from 10.77.0.2 to 10.77.0.3")
+        self.logind.prepare_for_sleep(True)
+        ep.wait_log("^relaytool-endpoint: the computer is going to sleep", start)
+        self.logind.prepare_for_sleep(False)
+        connected_again("the computer has resumed")
+
+    def test_pause_and_resume(self):
+        ep, relay = self.endpoint, self.lab.relay
+        with open(ep.path("client-id.txt")) as f:
+            endpoint_id = f.read().strip()
+
+        def login():
+            return relay.state()["clients"][endpoint_id]["last_login"]["operation"]
+
+        serving, start = ep.forwarded(), ep.log_size()
+        self.assertEqual(ep.command("pause").returncode, 0)
+        ep.wait_state(lambda s: s["state"] == "paused", "paused")
+        # logged in as paused, with no forward
+        self.assertEqual(login(), "PAUSED")
+        self.assertTrue(wait_until(lambda: serving not in relay.forwarded_ports()))
+        self.assertNotRegex(ep.log(start), FORWARD)
+        self.assertEqual(ep.command("resume").returncode, 0)
+        ep.wait_state(lambda s: s["state"] == "idle", "idle")
+        self.assertEqual(login(), "FORWARD")
+        self.assertIn(ep.forwarded(), relay.forwarded_ports())
 
     def test_the_watcher_ends_ssh_when_the_tool_goes(self):
         # The tool run directly, as its parent runs it.  Each case holds a
