@@ -2,8 +2,9 @@
 """Figures for relaytool-endpoint (needs root; not part of the test suite,
 whose tests never time anything):
 
-  1. how long after the network comes back a transfer reaches the endpoint
-     again: after its address changed (the tunnel's TCP connection dies
+  1. whether a transfer's connection lives through a link that is down
+     for three seconds; how long after the network comes back a transfer
+     reaches the endpoint again: after its address changed (the tunnel's TCP connection dies
      without a word), after the link was down for a while, and after a
      sleep (link down, the relay's side of the connection gone, then
      logind's PrepareForSleep(false)), once on the same network and once
@@ -92,6 +93,17 @@ class Bench:
         address to change to."""
         figures, net = {}, self.lab.net
         self.start(binary)
+        # a blip with a transfer's connection open: is the tunnel kept?
+        held, _ = lab.gridftp.hold(self.lab, re.findall(FORWARD, self.endpoint.log())[-1])
+        before = self.endpoint.log_size()
+        net.link("endpoint", up=False)
+        time.sleep(3)
+        net.link("endpoint", up=True)
+        time.sleep(3)
+        kept = "starting the tool again" not in self.endpoint.log(before)
+        figures["link down 3 s, transfer open"] = "tunnel and transfer kept" if kept else \
+            "tool restarted, transfer cut"
+        held.stdin.close()
         net.set_address("endpoint", address)
         figures["new address"] = self.until_transfers(time.monotonic())
         net.link("endpoint", up=False)
@@ -162,9 +174,10 @@ def main():
         builds += [("old", the_lab.stage.program(args.old, "old-relaytool-endpoint"))] if args.old else []
         for n, (name, binary) in enumerate([] if args.no_scenarios else builds):
             for scenario, took in bench.scenarios(binary, "10.77.0.%d" % (3 + n)).items():
-                print("%-10s %-27s a transfer gets through again after %s" % (
-                    name, scenario, "%.2f s" % took if took is not None else
-                    "more than %.0f s" % args.limit), flush=True)
+                print("%-10s %-29s %s" % (name, scenario, took if isinstance(took, str) else
+                                          "a transfer gets through again after " +
+                                          ("%.2f s" % took if took is not None else
+                                           "more than %.0f s" % args.limit)), flush=True)
         for name, binary in builds:
             for watchdog in (False, True):
                 rate, pings, rss = bench.idle(binary, args.quiet_seconds, watchdog)
