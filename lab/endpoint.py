@@ -155,6 +155,14 @@ class Endpoint:
                             cert=cert or client["user_cert"], key=key or client["user_key"],
                             home=os.path.join(self.root, "client"))
 
+    def operate(self, op, *paths):
+        """op ("delete", "mkdir" or "move" from the first path to the
+        second) through the relay: None, or the error."""
+        client = self.client()
+        return gridftp.operate(self.lab, op, client["endpoint_subject"],
+                               *[self.url(path) for path in paths], cert=client["user_cert"],
+                               key=client["user_key"], home=os.path.join(self.root, "client"))
+
     def processes(self, name=None):
         """The live processes in the endpoint's namespace (named `name`)."""
         return [pid for pid in self.lab.net.pids("endpoint")

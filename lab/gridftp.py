@@ -78,6 +78,40 @@ def copy(lab, source, dest, *options, cert, key, home, env=None, account=None):
                    account=account or lab.user, env=client_env)
 
 
+# Delete, mkdir and move (a rename), which globus-url-copy does not do,
+# through Debian's GridFTP client library: exit 0, or 1 with its error.
+OPERATE = """import ctypes, sys, threading
+ftp, common = ctypes.CDLL("libglobus_ftp_client.so.2"), ctypes.CDLL("libglobus_common.so.0")
+P, ref = ctypes.c_void_p, ctypes.byref
+common.globus_module_activate(P(ctypes.addressof(ctypes.c_byte.in_dll(
+    ftp, "globus_i_ftp_client_module"))))
+handle, attr, done, errors = P(), P(), threading.Event(), []
+ftp.globus_ftp_client_handle_init(ref(handle), None)
+ftp.globus_ftp_client_operationattr_init(ref(attr))
+ftp.globus_ftp_client_operationattr_set_authorization(ref(attr), None, None, None, None,
+                                                      sys.argv[2].encode())
+common.globus_object_printable_to_string.restype = ctypes.c_char_p
+@ctypes.CFUNCTYPE(None, P, P, P)
+def complete(arg, handle, error):
+    if error:
+        errors.append(common.globus_object_printable_to_string(P(error)).decode())
+    done.set()
+getattr(ftp, "globus_ftp_client_" + sys.argv[1])(
+    ref(handle), *[url.encode() for url in sys.argv[3:]], ref(attr), complete, None)
+done.wait(60)
+sys.exit(errors[0] if errors or not done.is_set() else 0)"""
+
+
+def operate(lab, op, subject, *urls, cert, key, home):
+    """op ("delete", "mkdir" or "move", from the first URL to the second)
+    as copy() runs, with the server's subject: None, or the error."""
+    done = lab.run(["/usr/bin/python3", "-c", OPERATE, op, subject] + list(urls), ns="relay",
+                   account=lab.user, env=dict(
+                       PATH="/usr/bin:/bin", HOME=home, X509_CERT_DIR=lab.relay.trust_dir,
+                       X509_USER_CERT=cert, X509_USER_KEY=key, GLOBUS_THREAD_MODEL="pthread"))
+    return done.returncode and (done.stderr.strip() or "exit status %d" % done.returncode)
+
+
 # a client that connects, reads the server's greeting and holds the
 # connection until its standard input closes
 HOLD = """import socket, sys

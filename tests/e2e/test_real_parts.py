@@ -59,7 +59,7 @@ class ThroughTheRelay(unittest.TestCase):
         cls.endpoint = cls.lab.endpoint(config_in_home=True,
                                         RELAYTOOL_SHARED_DIRS=home + ":%s/results:ro" % home,
                                         DBUS_SYSTEM_BUS_ADDRESS=cls.logind.address)
-        for name in ("results", ".ssh"):
+        for name in ("results", "work", ".ssh"):
             cls.lab.stage.mkdir("endpoint/home/" + name, owner=cls.lab.user)
         done = cls.endpoint.setup("gridftp")
         if done.returncode:
@@ -127,17 +127,25 @@ class ThroughTheRelay(unittest.TestCase):
             with open(far.files + "/taken", "a+b") as taken:
                 taken.seek(0)
                 self.assertEqual(taken.read(), b"", secret)
-        # nothing comes into them or into a read-only folder, not even a new
-        # folder; a writable one takes both
+        # nothing comes into them, and none can be found under a new name
         source = far.url(self.lab.user_file(far.files + "/in.dat", os.urandom(4096)))
-        for dest, made in ((ep.home + "/.ssh/authorized_keys", False),
-                           (ep.home + "/results/in.dat", False),
-                           (ep.home + "/results/new/in.dat", False),
-                           (ep.home + "/new/in.dat", True)):
-            done, log = self.copy(source, ep.url(dest), "-cd", env=SOURCE_PASV)
-            self.assertEqual((done.returncode == 0, os.path.exists(dest)), (made, made),
-                             dest + done.stderr + log)
-        self.assertFalse(os.path.exists(ep.home + "/results/new"))
+        done, log = self.copy(source, ep.url(ep.home + "/.ssh/authorized_keys"), env=SOURCE_PASV)
+        self.assertNotEqual(done.returncode, 0, log)
+        self.assertFalse(os.path.exists(ep.home + "/.ssh/authorized_keys"))
+        self.assertTrue(ep.operate("move", ep.home + "/.config", ep.home + "/config"))
+
+        # a read-only folder refuses every change, a writable one takes them
+        for folder, writable in ((ep.home + "/results", False), (ep.home + "/work", True)):
+            for name in ("a.dat", "c.dat"):
+                self.lab.user_file(folder + "/" + name, name)
+            done, log = self.copy(source, ep.url(folder + "/in.dat"), env=SOURCE_PASV)
+            refused = [done.returncode != 0] + [bool(ep.operate(op, *[folder + p for p in paths]))
+                                                for op, paths in (("mkdir", ["/new"]),
+                                                                  ("move", ["/a.dat", "/b.dat"]),
+                                                                  ("delete", ["/c.dat"]))]
+            self.assertEqual(refused, [not writable] * 4, folder + log)
+            self.assertEqual(sorted(os.listdir(folder)),
+                             ["b.dat", "in.dat", "new"] if writable else ["a.dat", "c.dat"])
 
     def test_network_blip_address_change_and_resume(self):
         ep, far, net = self.endpoint, self.far, self.lab.net
