@@ -51,7 +51,7 @@ def transfer(endpoint, title, source, dest, source_file, dest_file, env=None):
         raise SystemExit("globus-url-copy failed (status %d)\n%s"
                          % (done.returncode, endpoint.log(start)))
     endpoint.wait_log(r"^state: idle$", start)
-    show("endpoint", endpoint_log(endpoint, start, r"^state: |authorized\.|\[CLIENT\]: "
+    show("endpoint", endpoint_log(endpoint, start, r"^(state|transfer): |authorized\.|\[CLIENT\]: "
                                   r"(PORT|PASV|RETR|STOR)|\[SERVER\]: (227|226)"))
     want, got = sha256_of(source_file), sha256_of(dest_file)
     print("    %s: sha256 %s... %s" % (title, got[:16], "matches" if got == want else "DIFFERS"))
@@ -145,7 +145,8 @@ def run_demo(the_lab, endpoint):
     transfer(endpoint, "upload.dat arrived on the endpoint", far.url(upload),
              endpoint.url(endpoint.home + "/upload.dat"), upload, endpoint.home + "/upload.dat",
              env=lab.SOURCE_PASV)
-    print("    state now: %s" % endpoint.status()[1]["state"])
+    print("    relaytool-endpoint status, with the latest transfers:")
+    show("status", endpoint.command("status").stdout)
 
 
 if __name__ == "__main__":
