@@ -12,12 +12,15 @@ import signal
 import socket
 import stat
 import subprocess
+import sys
 import tempfile
-import time
 import unittest
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, REPO)
+from lab.process import wait_until  # noqa: E402
+
 ENDPOINT = os.environ.get("RELAYTOOL_ENDPOINT_BIN",
                           os.path.join(REPO, "build", "endpoint", "relaytool-endpoint"))
 WAIT = 30  # seconds, a limit for conditions: the machine is shared and noisy
@@ -30,14 +33,6 @@ RECORD = ("[ftp stderr] [4242] Wed May  1 12:00:02 2024 :: Transfer stats: DATE=
           "HOST=pc PROG=globus-gridftp-server NL.EVNT=FTP_INFO START=20240501120000.5 USER=ann "
           "FILE=/home/ann/my data.bin BUFFER=0 BLOCK=262144 NBYTES=%d VOLUME=/ STREAMS=1 "
           "STRIPES=1 DEST=[127.0.0.1] TYPE=%s CODE=%d TASKID=none")
-
-
-def wait_until(predicate, timeout=WAIT):
-    """The predicate's first true value, or its last false one."""
-    deadline = time.monotonic() + timeout
-    while not (value := predicate()) and time.monotonic() < deadline:
-        time.sleep(0.02)
-    return value
 
 
 def alive(pid):
