@@ -2,7 +2,7 @@
 """Start-up: self-check mode, the environment, the two SSH files installed at
 every start, the ssh command line and its error output, and the parent-death
 rule for stdin."""
-import os, re, signal, subprocess, unittest
+import os, re, signal, unittest
 from pathlib import Path
 
 from harness import DEBUG, KEYS, RELAYTOOL_TESTRELAY, Tool
