@@ -8,7 +8,7 @@ import re
 import signal
 
 from . import gridftp
-from .process import WAIT, command_name, wait_until
+from .process import WAIT, command_name, json_file, wait_until
 
 FORWARD = r"Allocated port (\d+) for remote forward"
 
@@ -92,11 +92,7 @@ class Endpoint:
 
     def state(self):
         """The state file, or {} while there is none."""
-        try:
-            with open(self.path("endpoint-state.json")) as f:
-                return json.load(f)
-        except (OSError, ValueError):
-            return {}
+        return json_file(self.path("endpoint-state.json"))
 
     def states(self):
         """The "state: ..." lines of the log, without the prefix."""

@@ -2,6 +2,7 @@
 condition, with a generous limit (the machine is shared and noisy; a limit
 is never a measure)."""
 
+import json
 import os
 import re
 import subprocess
@@ -16,6 +17,16 @@ def wait_until(predicate, timeout=WAIT):
     while not (value := predicate()) and time.monotonic() < deadline:
         time.sleep(0.05)
     return value
+
+
+def json_file(path):
+    """The JSON object in a file that is replaced whole, or {} while there
+    is none."""
+    try:
+        with open(path) as f:
+            return json.load(f)
+    except (OSError, ValueError):
+        return {}
 
 
 def command_name(pid):

@@ -19,7 +19,7 @@ import unittest
 HERE = os.path.dirname(os.path.realpath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, REPO)
-from lab.process import wait_until  # noqa: E402
+from lab.process import json_file, wait_until  # noqa: E402
 
 ENDPOINT = os.environ.get("RELAYTOOL_ENDPOINT_BIN",
                           os.path.join(REPO, "build", "endpoint", "relaytool-endpoint"))
@@ -92,11 +92,7 @@ class Workspace:
         return rc, json.loads(out)
 
     def state(self):
-        try:
-            with open(self.path("endpoint-state.json")) as f:
-                return json.load(f)
-        except (OSError, ValueError):
-            return {}
+        return json_file(self.path("endpoint-state.json"))
 
     def recorded(self, suffix):
         """What the stand-in recorded: its runs (".runs") or events (".events")."""
