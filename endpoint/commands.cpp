@@ -24,8 +24,6 @@
 
 namespace endpoint {
 
-namespace {}  // namespace
-
 int note(const std::string& message, int status) {
     fprintf(stderr, "relaytool-endpoint: %s\n", message.c_str());
     return status;

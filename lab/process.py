@@ -74,7 +74,8 @@ class Run(subprocess.Popen):
         """The first match of pattern (a multi-line regex) after `start`."""
         found = wait_until(lambda: re.search(pattern, self.text(stream, start), re.M))
         if not found:
-            raise AssertionError("no line matching %r on std%s\n%s" % (pattern, stream, self.report()))
+            raise AssertionError("no line matching %r on std%s\n%s"
+                                 % (pattern, stream, self.report()))
         return found
 
     def wait_exit(self, timeout=WAIT):
